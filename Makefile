@@ -1,0 +1,54 @@
+# Everything from a fresh clone: `make demo` runs the main job, `make check` runs all tests.
+JOBS ?= $(shell nproc)
+CMAKE ?= cmake
+CTEST ?= ctest
+
+.PHONY: all deps build demo check test test-asan test-tsan bench format clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+build/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps build/CMakeCache.txt
+	$(CMAKE) --build build -j $(JOBS)
+
+demo: build
+	cd build && LUA_CPATH="$(CURDIR)/build/?.so;;" lua5.2 $(CURDIR)/examples/agent.lua
+
+test: build
+	cd build && $(CTEST) --output-on-failure -j $(JOBS)
+
+build-asan/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVEXIL_SANITIZE=ON
+
+test-asan: deps build-asan/CMakeCache.txt
+	$(CMAKE) --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+		UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		$(CTEST) --output-on-failure -j $(JOBS)
+
+build-tsan/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVEXIL_TSAN=ON
+
+test-tsan: deps build-tsan/CMakeCache.txt
+	$(CMAKE) --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+		$(CTEST) --output-on-failure -j $(JOBS) -L threads
+
+check: test test-asan
+
+bench: deps
+	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
+	$(CMAKE) --build build-bench -j $(JOBS)
+	cd build-bench && ./vexil_bench
+
+format:
+	find host module config log analysis ssl tests bench tools examples \
+		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-bench
