@@ -1,0 +1,121 @@
+// CDom: the host's store of settings, host values, conditions and agent events.
+//
+// One CDom serves one agent. Settings and host values live in an SQLite
+// database (a file path, or ":memory:"), so that values written by Set survive
+// a reopen of the same file. Conditions are in-memory raise counters that
+// other threads can wait on. Agent events are kept in order in the database
+// and copied to the operator log.
+//
+// Thread safety: every public operation may be called from any thread. The
+// database handle and the configuration document are guarded by m_StoreLock;
+// conditions and the exit flag by m_ConditionLock with m_ConditionChanged.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <wx/string.h>
+
+#include "host/Types.h"
+
+struct sqlite3;
+
+namespace NorvCore {
+
+class XMLObject;
+
+// One agent event as the host keeps it.
+struct AgentEvent {
+    int number;
+    wxString detail;
+};
+
+class CDom {
+public:
+    // Opens (creating where needed) the store at path; ":memory:" keeps it in
+    // memory. A store that cannot be opened leaves the object usable: reads
+    // answer "absent" and writes fail, with an operator log line.
+    explicit CDom(const std::string& path);
+    ~CDom();
+    CDom(const CDom&) = delete;
+    CDom& operator=(const CDom&) = delete;
+
+    bool IsOpen() const;
+
+    // Settings and host values. An absent key reads as the empty string or
+    // as false from the typed forms.
+    std::string Get(const std::string& key) const;
+    bool Get(const std::string& key, i64& value) const;
+    bool Get(const std::string& key, bool& value) const;
+    bool Set(const std::string& key, i64 value);
+    bool Set(const std::string& key, bool value);
+    bool Set(const std::string& key, const std::string& value);
+    // True when the key was there and is now gone.
+    bool Remove(const std::string& key);
+    wxString GetWxString(const wxString& key) const;
+
+    // The base folder that stands where the agent keeps its data (log files
+    // below it): the setting "norv.baseFolder", "/var/lib/norv" when absent.
+    // False, with folder untouched, when the setting is not an absolute path.
+    bool BaseFolder(wxString& folder) const;
+
+    // The configuration document that ConfigGetXml reads by path.
+    bool SetConfigXml(const wxString& text);
+    // Fills object from the element at path ("/A/B/C") of the configuration
+    // document. False when there is no document, no such element, or the
+    // object does not parse it.
+    bool ConfigGetXml(const std::string& path, XMLObject& object) const;
+
+    // Conditions: named raise counters. ConditionQuery gives the count (0 for
+    // a condition never raised) and returns whether it was ever raised; a and
+    // b, when given, receive the low and high 32 bits of the count.
+    // ConditionRaise returns the new count's low 32 bits.
+    bool ConditionQuery(const std::string& name, u64& count, u32* a, u32* b);
+    u32 ConditionRaise(const std::string& name);
+    // Waits until the named condition's count differs from lastSeen, the time
+    // runs out or the exit is requested; true when it moved.
+    bool ConditionWait(const std::string& name, u64 lastSeen, u32 waitMsec);
+
+    // Waits up to waitMsec for the exit request; true once it has been made.
+    // Called on a CRunnable thread it also ends, with true, when that thread
+    // is asked to stop (StopThread, requestExit), and with false when the
+    // thread is awakened. woken, when given, is set when the wait ended for
+    // one of these reasons rather than by running out of time.
+    bool ShouldExit(u32 waitMsec, bool* woken) const;
+    void RequestExit();
+
+    // Agent events: stored in order and copied to the operator log as the
+    // warning "Agent event <number>: <detail>". The formatting forms take
+    // narrow UTF-8 texts (const char*) for %s, %ls for wide texts; see
+    // FormatWithNarrowArgs for the conversions supported.
+    void AgentEventWrite(int number, const wxString& detail);
+    void DoAgentEventWrite(int number, const wchar_t* format, ...);
+    // Writes to the agent's current CDom (the most recently made one that is
+    // still alive), or only to the operator log where there is none. flags
+    // is not used.
+    static void DoLogAgentEvent(int flags, int number, const wchar_t* format, ...);
+    std::vector<AgentEvent> AgentEvents() const;
+    void ClearAgentEvents();
+
+    // The CDom that DoLogAgentEvent and host services without a CDom at hand
+    // use; null when none is alive.
+    static CDom* Current();
+
+private:
+    bool Exec(const char* sql) const;
+    void StoreEvent(int number, const wxString& detail);
+
+    mutable std::mutex m_StoreLock;  // guards m_Db and m_ConfigXml
+    sqlite3* m_Db = nullptr;
+    wxString m_ConfigXml;
+
+    mutable std::mutex m_ConditionLock;  // guards m_Conditions and m_ExitRequested
+    mutable std::condition_variable m_ConditionChanged;
+    std::map<std::string, u64> m_Conditions;
+    bool m_ExitRequested = false;
+};
+
+}  // namespace NorvCore

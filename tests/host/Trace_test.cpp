@@ -1,0 +1,193 @@
+// Trace categories, trace lines and the operator log.
+#include "host/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <thread>
+#include <vector>
+
+#include <wx/log.h>
+
+// Allocations are counted on threads that ask for it, to show that the trace
+// guard allocates nothing.
+namespace {
+thread_local bool t_CountAllocations = false;
+thread_local int t_Allocations = 0;
+}  // namespace
+
+void* operator new(std::size_t size) {
+    if (t_CountAllocations) {
+        ++t_Allocations;
+    }
+    if (void* p = std::malloc(size == 0 ? 1 : size)) {
+        return p;
+    }
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+namespace {
+
+class TraceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        NorvCore::SetTraceCategories("");
+        NorvCore::TakeTraceLines();
+        NorvCore::TakeOperatorLogLines();
+    }
+    void TearDown() override { NorvCore::SetTraceCategories(""); }
+};
+
+TEST_F(TraceTest, CategoriesOffListedAndStar) {
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"vexil"));
+
+    NorvCore::SetTraceCategories("vexil, LogScan ,,norvp.vexil.SSLCertThread");
+    EXPECT_TRUE(NorvCore::LogTraceIsEnabled(L"vexil"));
+    EXPECT_TRUE(NorvCore::LogTraceIsEnabled(L"LogScan"));
+    EXPECT_TRUE(NorvCore::LogTraceIsEnabled(L"norvp.vexil.SSLCertThread"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"vexi"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"vexil2"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"logscan"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(nullptr));
+
+    NorvCore::SetTraceCategories("*");
+    EXPECT_TRUE(NorvCore::LogTraceIsEnabled(L"anything"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(nullptr));
+
+    NorvCore::SetTraceCategories(" , ");
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"vexil"));
+    EXPECT_FALSE(NorvCore::LogTraceIsEnabled(L"anything"));
+}
+
+TEST_F(TraceTest, GuardAllocatesNothingInAnyMode) {
+    const char* settings[] = {"", "*", "vexil,LogScan"};
+    for (const char* setting : settings) {
+        NorvCore::SetTraceCategories(setting);
+        t_Allocations = 0;
+        t_CountAllocations = true;
+        bool any = false;
+        for (int i = 0; i < 100; ++i) {
+            any |= NorvCore::LogTraceIsEnabled(L"LogScan");
+            any |= NorvCore::LogTraceIsEnabled(L"elsewhere");
+        }
+        t_CountAllocations = false;
+        EXPECT_EQ(t_Allocations, 0) << "setting \"" << setting << "\"";
+        EXPECT_EQ(any, setting[0] != '\0');
+    }
+    // The counter itself works: a string of this size must allocate.
+    t_Allocations = 0;
+    t_CountAllocations = true;
+    std::string large(1000, 'x');
+    t_CountAllocations = false;
+    EXPECT_GT(t_Allocations, 0);
+}
+
+TEST_F(TraceTest, LinesHaveTheirPartsAndAreTakenOnce) {
+    NorvCore::LogTrace("vexil", "LogData.cpp", 42, "VEXIL::LogData::CacheRecord", L"hello \u00e9");
+    NorvCore::LogTrace("LogScan", nullptr, 7, nullptr, "x");
+    const auto lines = NorvCore::TakeTraceLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "vexil LogData.cpp:42 VEXIL::LogData::CacheRecord: hello \xc3\xa9");
+    EXPECT_EQ(lines[1], "LogScan ?:7 ?: x");
+    EXPECT_TRUE(NorvCore::TakeTraceLines().empty());
+}
+
+TEST_F(TraceTest, MacroBuildsTheMessageOnlyWhenEnabled) {
+    int built = 0;
+    const auto message = [&built] {
+        ++built;
+        return wxString("built");
+    };
+    NORV_TRACE(L"vexil", message());
+    EXPECT_EQ(built, 0);
+    EXPECT_TRUE(NorvCore::TakeTraceLines().empty());
+
+    NorvCore::SetTraceCategories("vexil");
+    NORV_TRACE(L"vexil", message());
+    EXPECT_EQ(built, 1);
+    const auto lines = NorvCore::TakeTraceLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("vexil Trace_test.cpp:", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find("MacroBuildsTheMessageOnlyWhenEnabled"), std::string::npos);
+    EXPECT_NE(lines[0].find(": built"), std::string::npos);
+}
+
+TEST_F(TraceTest, KeepsOnlyTheLast10000Lines) {
+    for (int i = 0; i < 10005; ++i) {
+        NorvCore::LogTrace("c", "f", i, "fn", "m");
+    }
+    const auto lines = NorvCore::TakeTraceLines();
+    ASSERT_EQ(lines.size(), 10000u);
+    EXPECT_EQ(lines.front(), "c f:5 fn: m");
+    EXPECT_EQ(lines.back(), "c f:10004 fn: m");
+}
+
+TEST_F(TraceTest, ShortFileNameDropsFolders) {
+    EXPECT_STREQ(NorvCore::ShortFileName("/a/b/LogData.cpp"), "LogData.cpp");
+    EXPECT_STREQ(NorvCore::ShortFileName("LogData.cpp"), "LogData.cpp");
+    EXPECT_STREQ(NorvCore::ShortFileName("dir/"), "");
+    EXPECT_STREQ(NorvCore::ShortFileName(nullptr), "");
+}
+
+TEST_F(TraceTest, SwitchingWhileOtherThreadsTraceIsSafe) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 3; ++t) {
+        threads.emplace_back([&stop] {
+            while (!stop.load()) {
+                if (NorvCore::LogTraceIsEnabled(L"vexil")) {
+                    NorvCore::LogTrace("vexil", "f", 1, "fn", "m");
+                }
+            }
+        });
+    }
+    for (int i = 0; i < 2000; ++i) {
+        NorvCore::SetTraceCategories(i % 3 == 0 ? "vexil,a,b" : (i % 3 == 1 ? "*" : ""));
+    }
+    stop = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const std::string& line : NorvCore::TakeTraceLines()) {
+        ASSERT_EQ(line, "vexil f:1 fn: m");
+    }
+}
+
+TEST_F(TraceTest, OperatorLogKeepsErrorsAndWarningsOnly) {
+    NorvCore::InstallOperatorLog();  // a second install changes nothing
+    EXPECT_EQ(wxLog::GetActiveTarget(), NorvCore::OperatorLogTarget());
+    wxLogError("disk %s is %d%% full", "sda", 99);
+    wxLogWarning("careful");
+    wxLogMessage("message");
+    wxLogInfo("info");
+    wxLogDebug("debug");
+    const auto lines = NorvCore::TakeOperatorLogLines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "Error: disk sda is 99% full");
+    EXPECT_EQ(lines[1], "Warning: careful");
+    EXPECT_TRUE(NorvCore::TakeOperatorLogLines().empty());
+}
+
+TEST_F(TraceTest, PlainThreadLinesArriveWhenTheMainThreadTakes) {
+    std::vector<std::string> seenOnThread;
+    std::thread thread([&seenOnThread] {
+        wxLogError("from a plain thread");
+        seenOnThread = NorvCore::TakeOperatorLogLines();
+    });
+    thread.join();
+    // The toolkit held the line back for the main thread.
+    EXPECT_TRUE(seenOnThread.empty());
+    const auto lines = NorvCore::TakeOperatorLogLines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "Error: from a plain thread");
+}
+
+}  // namespace
