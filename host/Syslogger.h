@@ -1,0 +1,62 @@
+// CSyslogger: the host's syslog settings for one message source, and the
+// pieces of Common Event Format (CEF) text that the host writes itself: the
+// header up to the signature field and the extension keys that identify the
+// host.
+//
+// Settings, read from the current CDom by UpdateConfig (an absent one takes
+// its default):
+//   "norv.syslog.cef"          bool, false: messages in CEF form
+//   "norv.syslog.format"       integer, 0: how the message's keys are written
+//   "norv.syslog.cef.vendor"   "Norv"
+//   "norv.syslog.cef.product"  "Agent"
+//   "norv.syslog.cef.version"  "1.0"
+//   "norv.syslog.hostname"     the machine's host name
+//
+// Thread safety: the values are guarded by m_Lock, so UpdateConfig may run on
+// one thread while another formats a message.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+
+#include <wx/string.h>
+
+namespace NorvCore {
+
+class CSyslogger {
+public:
+    // name: the message source, for trace lines.
+    explicit CSyslogger(const char* name);
+
+    // Reads the settings again; a change acts from the next message on.
+    void UpdateConfig();
+
+    bool GetSyslogFormatCEF() const;
+    int GetSyslogFormat() const;
+
+    // Appends "CEF:0|vendor|product|version|" in UTF-8 to the terminated text
+    // in buffer, cut at a character boundary where it does not fit.
+    void AppendHeaderCEF(char* buffer, size_t size);
+    // Appends " dvchost=<host name> deviceExternalId=<hostId>", the same way.
+    void AppendHostIdentityCEF(int hostId, char* buffer, size_t size);
+
+    // A header field: backslash and bar escaped by a backslash.
+    static wxString EscapeCEFPrefix(const wxString& text);
+    // An extension value: backslash and equals sign escaped by a backslash,
+    // line feed written as \n and carriage return as \r.
+    static wxString EscapeCEFExtension(const wxString& text);
+
+private:
+    const std::string m_Name;
+
+    mutable std::mutex m_Lock;  // guards the values below
+    bool m_Cef = false;
+    int m_Format = 0;
+    wxString m_Vendor;
+    wxString m_Product;
+    wxString m_Version;
+    wxString m_HostName;
+};
+
+}  // namespace NorvCore
