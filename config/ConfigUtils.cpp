@@ -1,0 +1,394 @@
+// ConfigUtils: the protected reading machinery and the lookups of single
+// items (rules, host identity, interfaces).
+#include "config/ConfigUtils.h"
+
+#include <cmath>
+#include <limits>
+
+#include <lua.hpp>
+
+#include "host/TextHelpers.h"
+#include "host/Trace.h"
+
+namespace VEXIL {
+
+namespace {
+
+// How far a reader got down the table.
+enum EntryStage { kNoConfig, kNoMap, kNoEntry, kEntryRead };
+
+// One field of an entry, and whether it is read as text.
+struct EntryField {
+    const char* name;
+    bool text;
+};
+
+// What ReadEntry looks for: map[key] of the configuration (or the map itself
+// when there is no key), and fields of it.
+struct EntryQuery {
+    enum KeyKind { kWholeMap, kNumberKey, kTextKey };
+
+    const char* mapName;
+    KeyKind keyKind;
+    u32 numberKey;
+    const char* textKey;
+    size_t textKeyLength;
+    const EntryField* fields;
+    int fieldCount;
+    EntryStage stage;
+};
+
+// Leaves the value on top as a string (a number is turned into one, as Lua
+// does) or as nil.
+void ToTextOrNil(lua_State* L) {
+    if (lua_type(L, -1) == LUA_TSTRING || lua_type(L, -1) == LUA_TNUMBER) {
+        lua_tolstring(L, -1, nullptr);
+    } else {
+        lua_pop(L, 1);
+        lua_pushnil(L);
+    }
+}
+
+// Reader: configuration at 1, EntryQuery at 2. Returns the fields in order:
+// text fields as string or nil, the others as they stand.
+int ReadEntry(lua_State* L) {
+    EntryQuery& query = *static_cast<EntryQuery*>(lua_touserdata(L, 2));
+    query.stage = kNoConfig;
+    if (!lua_istable(L, 1)) {
+        return 0;
+    }
+    query.stage = kNoMap;
+    lua_getfield(L, 1, query.mapName);
+    if (!lua_istable(L, -1)) {
+        return 0;
+    }
+    query.stage = kNoEntry;
+    if (query.keyKind == EntryQuery::kNumberKey) {
+        lua_pushnumber(L, query.numberKey);
+        lua_rawget(L, -2);
+    } else if (query.keyKind == EntryQuery::kTextKey) {
+        lua_pushlstring(L, query.textKey, query.textKeyLength);
+        lua_gettable(L, -2);
+    }
+    if (!lua_istable(L, -1)) {
+        return 0;
+    }
+    const int entry = lua_gettop(L);
+    for (int i = 0; i < query.fieldCount; ++i) {
+        lua_getfield(L, entry, query.fields[i].name);
+        if (query.fields[i].text) {
+            ToTextOrNil(L);
+        }
+    }
+    query.stage = kEntryRead;
+    return query.fieldCount;
+}
+
+// What FindDriverInterface looks for, and what it found.
+struct DriverInterfaceQuery {
+    enum Stage { kNoDriverMap, kNoMatch, kMatch };
+
+    u32 driverIndex;
+    Stage stage;
+};
+
+// Reader: configuration at 1, DriverInterfaceQuery at 2. Walks
+// driverInterfaceMap for the first table whose id, cut to a whole number, is
+// the driver's index, and returns its mac as string or nil. Indexing a
+// configuration that is no table raises Lua's index error here.
+int FindDriverInterface(lua_State* L) {
+    DriverInterfaceQuery& query = *static_cast<DriverInterfaceQuery*>(lua_touserdata(L, 2));
+    query.stage = DriverInterfaceQuery::kNoDriverMap;
+    lua_getfield(L, 1, "driverInterfaceMap");
+    if (!lua_istable(L, -1)) {
+        return 0;
+    }
+    query.stage = DriverInterfaceQuery::kNoMatch;
+    const int map = lua_gettop(L);
+    lua_pushnil(L);
+    while (lua_next(L, map) != 0) {
+        if (lua_istable(L, -1)) {
+            lua_getfield(L, -1, "id");
+            const lua_Number id = lua_tonumberx(L, -1, nullptr);
+            lua_pop(L, 1);
+            // A whole-number comparison in floating point: 5.9 matches 5,
+            // and no cast of an out-of-range number is made.
+            if (std::trunc(id) == static_cast<lua_Number>(query.driverIndex)) {
+                lua_getfield(L, -1, "mac");
+                ToTextOrNil(L);
+                query.stage = DriverInterfaceQuery::kMatch;
+                return 1;
+            }
+        }
+        lua_pop(L, 1);
+    }
+    return 0;
+}
+
+// Protected part of KeepError: stores the value at 1 in the registry and
+// returns its reference.
+int ReferenceError(lua_State* L) {
+    lua_pushinteger(L, luaL_ref(L, LUA_REGISTRYINDEX));
+    return 1;
+}
+
+// Protected part of ReleaseKeptError: frees the registry reference at 1.
+int ReleaseReference(lua_State* L) {
+    luaL_unref(L, LUA_REGISTRYINDEX, static_cast<int>(lua_tointeger(L, 1)));
+    return 0;
+}
+
+}  // namespace
+
+ConfigUtils::~ConfigUtils() {
+    static_assert(kNoError == LUA_NOREF, "kNoError must stand for no reference");
+    ReleaseKeptError();
+}
+
+bool ConfigUtils::HasPendingError() const {
+    return m_PendingError != kNoError;
+}
+
+void ConfigUtils::PushPendingError() {
+    if (m_PendingError == kLostError) {
+        lua_pushliteral(L, "not enough memory");
+    } else {
+        // LUA_REFNIL (a nil error object) and kNoError both push nil.
+        lua_rawgeti(L, LUA_REGISTRYINDEX, m_PendingError);
+    }
+    ReleaseKeptError();
+}
+
+void ConfigUtils::KeepError() {
+    if (m_PendingError != kNoError) {
+        lua_pop(L, 1);
+        return;
+    }
+    // Growing the registry can raise a memory error, so the reference is made
+    // in protected mode; the stack has room, as the failed read used more.
+    lua_pushcfunction(L, ReferenceError);
+    lua_insert(L, -2);
+    if (lua_pcall(L, 1, 1, 0) == LUA_OK) {
+        m_PendingError = static_cast<int>(lua_tointeger(L, -1));
+    } else {
+        m_PendingError = kLostError;
+    }
+    lua_pop(L, 1);
+}
+
+void ConfigUtils::ReleaseKeptError() {
+    // Freeing a reference may store into the registry, which can raise: it
+    // is done in protected mode, and a failure only leaves the slot in use.
+    if (m_PendingError >= 0 && lua_checkstack(L, 2)) {
+        lua_pushcfunction(L, ReleaseReference);
+        lua_pushinteger(L, m_PendingError);
+        if (lua_pcall(L, 1, 0, 0) != LUA_OK) {
+            lua_pop(L, 1);
+        }
+    }
+    m_PendingError = kNoError;
+}
+
+i64 ConfigUtils::TruncateNumber(double number) {
+    if (std::isnan(number)) {
+        return 0;
+    }
+    // 2^63 is exact as a double; anything at or beyond either end saturates.
+    constexpr double kLimit = 9223372036854775808.0;
+    if (number >= kLimit) {
+        return std::numeric_limits<i64>::max();
+    }
+    if (number <= -kLimit) {
+        return std::numeric_limits<i64>::min();
+    }
+    return static_cast<i64>(number);
+}
+
+wxString ConfigUtils::TextResult(lua_State* state, int position) {
+    size_t length = 0;
+    const char* text = lua_tolstring(state, position, &length);
+    return text != nullptr ? wxString::FromUTF8(text, length) : wxString();
+}
+
+i64 ConfigUtils::IntegerResult(lua_State* state, int position) {
+    int isNumber = 0;
+    const lua_Number number = lua_tonumberx(state, position, &isNumber);
+    return isNumber ? TruncateNumber(number) : 0;
+}
+
+ConfigUtils::ReadResult ConfigUtils::ProtectedRead(int (*reader)(lua_State*), void* query,
+                                                   int results) const {
+    if (!lua_checkstack(L, results + 3)) {
+        NORV_TRACE(L"vexil", "Lua stack is exhausted, the configuration can't be read");
+        return kNoStack;
+    }
+    const int config = lua_absindex(L, index);
+    // None of these three pushes allocates, so none of them can raise.
+    lua_pushcfunction(L, reader);
+    lua_pushvalue(L, config);
+    lua_pushlightuserdata(L, query);
+    return lua_pcall(L, 2, results, 0) == LUA_OK ? kRead : kRaised;
+}
+
+bool ConfigUtils::ReadOrTrace(int (*reader)(lua_State*), void* query, int results) const {
+    const int top = lua_gettop(L);
+    const ReadResult result = ProtectedRead(reader, query, results);
+    if (result == kRaised) {
+        const char* error = lua_type(L, -1) == LUA_TSTRING ? lua_tostring(L, -1) : "no message";
+        NORV_TRACE(L"vexil", wxString::Format("Reading the configuration failed: %.128s",
+                                              wxString::FromUTF8(error)));
+        lua_settop(L, top);
+    }
+    return result == kRead;
+}
+
+bool ConfigUtils::getPacketFilterInfo(u32 id, wxString& name, u32& action) const {
+    static const EntryField kFields[] = {{"name", true}, {"filterAction", false}};
+    EntryQuery query = {"packetFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 2,
+                        kNoConfig};
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 2)) {
+        return false;
+    }
+    bool found = false;
+    if (query.stage == kNoConfig) {
+        NORV_TRACE(L"vexil", "Could not get config map");
+    } else if (query.stage == kNoMap) {
+        NORV_TRACE(L"vexil", "Could not get packetFilterMap");
+    } else if (query.stage == kNoEntry) {
+        NORV_TRACE(L"vexil", wxString::Format("Filter ID %d was not found in the packetFilterMap",
+                                              static_cast<int>(id)));
+    } else {
+        name = TextResult(L, top + 1);
+        action = static_cast<u32>(IntegerResult(L, top + 2));
+        found = true;
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+bool ConfigUtils::getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u32& severity,
+                                       wxString& identifier) const {
+    static const EntryField kFields[] = {
+        {"name", true}, {"severity", false}, {"identifier", true}, {"incoming", false}};
+    EntryQuery query = {"payloadFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 4,
+                        kNoConfig};
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 4)) {
+        return false;
+    }
+    bool found = false;
+    if (query.stage == kNoConfig) {
+        NORV_TRACE(L"vexil", "Could not get config map");
+    } else if (query.stage == kNoMap) {
+        NORV_TRACE(L"vexil", "Could not get payloadFilterMap");
+    } else if (query.stage == kNoEntry) {
+        NORV_TRACE(L"vexil", wxString::Format("Filter ID %d was not found in the payloadFilterMap",
+                                              static_cast<int>(id)));
+    } else {
+        name = TextResult(L, top + 1);
+        severity = static_cast<u32>(IntegerResult(L, top + 2));
+        identifier = TextResult(L, top + 3);
+        incoming = lua_toboolean(L, top + 4) != 0;
+        found = true;
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+void ConfigUtils::getAgentConfigurationHostIdentity(wxString& hostname, u32& hostID) const {
+    static const EntryField kFields[] = {{"hostID", false}, {"hostname", true}};
+    EntryQuery query = {
+        "agentConfiguration", EntryQuery::kWholeMap, 0, nullptr, 0, kFields, 2, kNoConfig};
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 2)) {
+        return;
+    }
+    if (query.stage == kNoConfig) {
+        NORV_TRACE(L"vexil", "Could not get config map");
+    } else if (query.stage == kNoMap) {
+        NORV_TRACE(L"vexil", "Could not agentConfiguration map");
+    } else {
+        hostID = static_cast<u32>(IntegerResult(L, top + 1));
+        hostname = TextResult(L, top + 2);
+    }
+    lua_settop(L, top);
+}
+
+bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const {
+    static const EntryField kFields[] = {{"name", true}};
+    EntryQuery query = {"interfaceMap", EntryQuery::kTextKey, 0, mac.data(), mac.size(), kFields, 1,
+                        kNoConfig};
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 1)) {
+        return false;
+    }
+    bool found = false;
+    if (query.stage == kNoConfig) {
+        NORV_TRACE(L"vexil", "Could not get config map");
+    } else if (query.stage == kNoMap) {
+        NORV_TRACE(L"vexil", "Could not get interface map");
+    } else if (query.stage == kNoEntry) {
+        NORV_TRACE(L"vexil", wxString::Format("Could not look up interface given mac %s",
+                                              wxString::FromUTF8(mac)));
+    } else {
+        name = TextResult(L, top + 1);
+        found = true;
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+bool ConfigUtils::getInterfaceConfigID(const std::string& mac, u32& id) const {
+    static const EntryField kFields[] = {{"id", false}};
+    EntryQuery query = {"interfaceMap", EntryQuery::kTextKey, 0, mac.data(), mac.size(), kFields, 1,
+                        kNoConfig};
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 1)) {
+        return false;
+    }
+    bool found = false;
+    if (query.stage == kNoConfig) {
+        NORV_TRACE(L"vexil", "Could not get config map");
+    } else if (query.stage == kNoMap) {
+        NORV_TRACE(L"vexil", "Could not get interface map");
+    } else if (query.stage == kNoEntry) {
+        NORV_TRACE(L"vexil", wxString::Format("Could not look up interface given mac %s",
+                                              wxString::FromUTF8(mac)));
+    } else {
+        id = static_cast<u32>(IntegerResult(L, top + 1));
+        found = true;
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+bool ConfigUtils::getInterfaceID(u32 driverIndex, u32& id) {
+    const int top = lua_gettop(L);
+    DriverInterfaceQuery query = {driverIndex, DriverInterfaceQuery::kNoDriverMap};
+    const ReadResult result = ProtectedRead(FindDriverInterface, &query, 1);
+    if (result == kRaised) {
+        // The index error of a configuration that is no table belongs to the
+        // script call: it is kept for the entry to raise.
+        KeepError();
+        return false;
+    }
+    if (result == kNoStack) {
+        return false;
+    }
+    if (query.stage != DriverInterfaceQuery::kMatch) {
+        if (query.stage == DriverInterfaceQuery::kNoDriverMap) {
+            NORV_TRACE(L"vexil", "Could not get driverInterfaceMap");
+        }
+        lua_settop(L, top);
+        return false;
+    }
+    // The hardware address is raw bytes, zeros included: read it by length.
+    size_t length = 0;
+    const char* bytes = lua_tolstring(L, top + 1, &length);
+    const std::string raw = bytes != nullptr ? std::string(bytes, length) : std::string();
+    lua_settop(L, top);
+    return getInterfaceConfigID(NorvCore::toHexString(raw, false).utf8_string(), id);
+}
+
+}  // namespace VEXIL
