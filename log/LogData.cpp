@@ -1,0 +1,243 @@
+// LogData: construction, settings, file names, opening the log file and
+// listing the family. The record path, cache, store, read-back and analysis
+// live in their own files.
+#include "log/LogData.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+#include <unistd.h>
+
+#include <wx/dir.h>
+#include <wx/filename.h>
+#include <wx/log.h>
+#include <wx/tokenzr.h>
+#include <wx/utils.h>
+
+#include "host/TextHelpers.h"
+#include "host/Ticks.h"
+#include "host/Trace.h"
+
+namespace VEXIL {
+
+namespace {
+
+// Reads a setting as text; empty means absent.
+std::string Setting(const NorvCore::CDom& dom, const char* key) {
+    return dom.Get(key);
+}
+
+// Parses a non-empty setting into a double; a text that does not parse
+// leaves the default in place.
+void ParseDouble(const std::string& text, double& target) {
+    if (text.empty()) {
+        return;
+    }
+    char* end = nullptr;
+    double value = std::strtod(text.c_str(), &end);
+    if (end != text.c_str()) {
+        target = value;
+    }
+}
+
+// Parses a non-empty setting as a base-10 long into a 32-bit field.
+void ParseMsec(const std::string& text, u32& target) {
+    if (text.empty()) {
+        return;
+    }
+    char* end = nullptr;
+    long value = std::strtol(text.c_str(), &end, 10);
+    if (end != text.c_str()) {
+        target = u32(value);
+    }
+}
+
+}  // namespace
+
+LogData::LogData(NorvCore::CDom& dom) : m_WriteFunction(&::write), m_Dom(&dom), m_Syslogger("pnp") {
+    initialize();
+}
+
+LogData::~LogData() {
+    // The cache is not flushed here: a script that wants its records on disk
+    // calls FlushBufferedData(true) first.
+    m_LogFile.Close();
+    delete m_IgnoreIpList;
+    delete m_DestIpList;
+    delete m_DestIpv6List;
+    delete m_WhitelistIpList;
+}
+
+void LogData::initialize() {
+    wxString folder;
+    if (m_Dom->BaseFolder(folder)) {
+        SetLogFilePath(folder + "/Logfiles" + "/norv_agent");
+        SetLogFileName("norv_mpnp");
+    } else {
+        wxLogError("CLoggerThread(): Error %#lx from SHGetFolderPath() getting System folder.",
+                   long(EINVAL));
+        m_LogFilePath.clear();
+        m_LogFileName.clear();
+        m_LogFileFullPath.clear();
+    }
+
+    m_LogFileSizeKB = 1024;
+    m_NumberOfOldCopies = 7;
+    m_WriteVerbatim = false;
+    m_CacheMaxRecords = 128;
+    m_CacheLifetimeMsec = 1800000;
+    m_CacheStaleMsec = 900000;
+    m_LastConfigUpdate = ~u64(0);
+    m_IgnoreIpList = nullptr;
+    m_LastInterfaceIndex = ~u32(0);
+    m_LastInterfaceId = -1;
+    m_VmProtection = 0;
+    m_NorviHandle = nullptr;
+
+    m_TraceEnabled = NorvCore::LogTraceIsEnabled(L"vexil");
+    m_ScanTraceEnabled = NorvCore::LogTraceIsEnabled(L"LogScan");
+
+    ReadAnalysisSettings();
+}
+
+void LogData::ReadAnalysisSettings() {
+    const NorvCore::CDom& dom = *m_Dom;
+    double prY0H0 = 0.8;
+    double prY0H1 = 0.2;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanPrY0H0"), prY0H0);
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanPrY0H1"), prY0H1);
+    // The likelihood multipliers of a clean and of a suspect bin.
+    m_ScanRatioCleanBin = prY0H1 / prY0H0;
+    m_ScanRatioSuspectBin = (1 - prY0H1) / (1 - prY0H0);
+
+    m_ScanningIpsRetentionMsec = 300000;
+    ParseMsec(Setting(dom, "norvp.vexil.analysis.ScanningIpsRetentionMsec"),
+              m_ScanningIpsRetentionMsec);
+    m_TimeBinMsec = 10000;
+    ParseMsec(Setting(dom, "norvp.vexil.analysis.ScanTimeBinMillisec"), m_TimeBinMsec);
+    m_ScanIpsPerPort = 3.0;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanIpsPerPort"), m_ScanIpsPerPort);
+    m_ScanPortsPerIp = 3.0;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanPortsPerIp"), m_ScanPortsPerIp);
+    m_ScanPortsPerIpFlagNow = 64.0;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanPortsPerIpFlagNow"),
+                m_ScanPortsPerIpFlagNow);
+    m_ScanLikelihoodRatioFloor = 0.01;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanLikelihoodRatioFloor"),
+                m_ScanLikelihoodRatioFloor);
+    m_ScanLikelihoodRatioCeiling = 99.0;
+    ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanLikelihoodRatioCeiling"),
+                m_ScanLikelihoodRatioCeiling);
+    ParseIgnoreTcpFlags(Setting(dom, "norvp.vexil.analysis.IgnoreTcpFlags"));
+}
+
+void LogData::ParseIgnoreTcpFlags(const std::string& text) {
+    wxStringTokenizer tokens(wxString::FromUTF8(text.c_str()), ",; \t", wxTOKEN_STRTOK);
+    while (tokens.HasMoreTokens()) {
+        long value = 0;
+        // Base 0: 0x12, 022 and 18 are the same flag byte.
+        if (!tokens.GetNextToken().ToLong(&value, 0)) {
+            continue;
+        }
+        if (u32(value) > 255) {
+            wxLogWarning("IgnoreTcpFlags value %ld is out of range - ignoring it.", value);
+            continue;
+        }
+        m_IgnoreTcpFlags.insert(u8(value));
+    }
+}
+
+void LogData::SetLogFileName(wxString name) {
+    m_LogFileFullPath = m_LogFilePath + "/" + name;
+    m_LogFileName = name;
+}
+
+void LogData::SetLogFilePath(wxString path) {
+    m_LogFilePath = path;
+    SetLogFileName(m_LogFileName);
+}
+
+bool LogData::InitializeLogFile() {
+    if (m_LogFile.IsOpened()) {
+        return true;
+    }
+    // The toolkit's own error lines are not wanted: failures become events.
+    wxLogNull quiet;
+    if (!wxFileName::DirExists(m_LogFilePath)) {
+        if (!wxFileName::Mkdir(m_LogFilePath, 0755, wxPATH_MKDIR_FULL)) {
+            m_Dom->DoAgentEventWrite(6003, L"%.128s",
+                                     static_cast<const char*>(m_LogFilePath.utf8_str()));
+            return false;
+        }
+        NorvCore::SecureFileOrDirectory(m_LogFilePath, false);
+    }
+    if (!m_LogFile.Open(m_LogFileFullPath, wxFile::write_append, wxS_IRUSR | wxS_IWUSR)) {
+        m_Dom->DoAgentEventWrite(6001, L"%.128s",
+                                 static_cast<const char*>(m_LogFileFullPath.utf8_str()));
+        return false;
+    }
+    if (m_LogFile.Length() == 0) {
+        NorvCore::SecureFileOrDirectory(m_LogFileFullPath, false);
+    }
+    return true;
+}
+
+void LogData::DrainQueue(u32 waitMsec) {
+    NORV_TRACE(L"vexil", wxString::Format("DrainQueue(): waiting up to %u msec for our queue of "
+                                          "events awaiting formatting to empty",
+                                          waitMsec));
+    // The wait is fixed, whatever the caller asks for.
+    const u32 start = NorvCore::SystemTickCount();
+    while (NorvCore::SystemTickCount() - start < 750) {
+        {
+            wxCriticalSectionLocker lock(m_QueueLock);
+            if (m_FormatQueue.empty()) {
+                return;
+            }
+        }
+        wxMilliSleep(46);
+    }
+}
+
+long LogData::LogFileNumber(const wxString& path) {
+    // The number of an old copy is its extension; anything that does not
+    // begin with digits counts as 0, as the live file does.
+    const wxString extension = wxFileName(path).GetExt();
+    return std::wcstol(extension.wc_str(), nullptr, 10);
+}
+
+size_t LogData::ListLogFiles(wxString pattern, wxArrayString& files) {
+    files.Clear();
+    pattern += "*";
+    int error = 0;
+    {
+        wxLogNull quiet;
+        errno = 0;
+        wxDir folder(m_LogFilePath);
+        if (!folder.IsOpened()) {
+            error = errno ? errno : ENOENT;
+        } else {
+            wxDir::GetAllFiles(m_LogFilePath, &files, pattern, wxDIR_FILES);
+        }
+    }
+    if (error != 0) {
+        m_Dom->DoAgentEventWrite(
+            6005, L"%.128s|%.128s", static_cast<const char*>(m_LogFilePath.utf8_str()),
+            static_cast<const char*>(NorvCore::ErrnoToString(error).utf8_str()));
+        errno = error;  // for the caller's own report
+        return size_t(-1);
+    }
+    std::vector<wxString> sorted(files.begin(), files.end());
+    std::sort(sorted.begin(), sorted.end());
+    std::stable_sort(sorted.begin(), sorted.end(), [](const wxString& a, const wxString& b) {
+        return LogFileNumber(a) < LogFileNumber(b);
+    });
+    files.Clear();
+    for (const wxString& file : sorted) {
+        files.Add(file);
+    }
+    return files.GetCount();
+}
+
+}  // namespace VEXIL
