@@ -8,53 +8,14 @@
 // returned and nothing of the log object is left half done.
 #include "module/LogDataLua.h"
 
-#include <new>
-
-#include "config/ConfigUtils.h"
 #include "host/Trace.h"
-#include "host/slb/SLB.h"
-#include "log/LogData.h"
+#include "module/EntrySupport.h"
 
-using VEXIL::ConfigUtils;
+using VEXIL::BytesArgument;
 using VEXIL::DriverLogEntry;
 using VEXIL::LogData;
-
-namespace {
-
-// The bytes of a string argument; anything that is no string counts as empty.
-const char* BytesArgument(lua_State* L, int position, size_t& length) {
-    length = 0;
-    if (lua_type(L, position) != LUA_TSTRING) {
-        return nullptr;
-    }
-    return lua_tolstring(L, position, &length);
-}
-
-LogData* LogDataArgument(lua_State* L) {
-    LogData* log = SLB::get<LogData*>(L, 1);
-    return log;
-}
-
-// Runs call with a ConfigUtils on the table at position configPosition set
-// in the log object, then clears it. Raises the error that reading the table
-// raised, after the cleanup.
-template <typename Call>
-auto WithConfig(lua_State* L, LogData* log, int configPosition, Call call) -> decltype(call()) {
-    ConfigUtils* config = new (std::nothrow) ConfigUtils(L, configPosition);
-    log->SetConfigUtils(config);
-    auto result = call();
-    log->SetConfigUtils(nullptr);
-    const bool raised = config != nullptr && config->HasPendingError();
-    if (raised) {
-        config->PushPendingError();
-        delete config;
-        lua_error(L);
-    }
-    delete config;
-    return result;
-}
-
-}  // namespace
+using VEXIL::LogDataArgument;
+using VEXIL::WithConfig;
 
 int WriteLogDataLua(lua_State* L) {
     LogData* log = LogDataArgument(L);
