@@ -108,6 +108,28 @@ bool LogTraceIsEnabled(const wchar_t* category) {
     return false;
 }
 
+std::string QualifiedFunctionName(const char* signature) {
+    // "bool VEXIL::LogData::CacheRecord(const string&, u32)" gives
+    // "VEXIL::LogData::CacheRecord": the return type and the parameters go;
+    // blanks inside template arguments stay.
+    const std::string text = signature;
+    int depth = 0;
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '<') {
+            ++depth;
+        } else if (c == '>' && depth > 0) {
+            --depth;
+        } else if (depth == 0 && c == ' ') {
+            start = i + 1;
+        } else if (depth == 0 && c == '(' && i > start) {
+            return text.substr(start, i - start);
+        }
+    }
+    return text;
+}
+
 void LogTrace(const wxString& category, const char* file, int line, const char* function,
               const wxString& message) {
     std::string text = category.utf8_str().data();
@@ -116,7 +138,7 @@ void LogTrace(const wxString& category, const char* file, int line, const char* 
     text += ':';
     text += std::to_string(line);
     text += ' ';
-    text += function != nullptr ? function : "?";
+    text += function != nullptr ? QualifiedFunctionName(function) : "?";
     text += ": ";
     text += message.utf8_str().data();
     if (getenv("NORV_TRACE_STDERR") != nullptr) {

@@ -57,6 +57,9 @@ std::vector<std::string> TakeOperatorLogLines();
     } while (0)
 
 namespace NorvCore {
+// The function's qualified name from a compiler signature: no return type,
+// no parameters ("VEXIL::LogData::CacheRecord").
+std::string QualifiedFunctionName(const char* signature);
 // The file's short name, without its folders.
 const char* ShortFileName(const char* path);
 }  // namespace NorvCore

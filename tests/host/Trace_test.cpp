@@ -137,6 +137,18 @@ TEST_F(TraceTest, ShortFileNameDropsFolders) {
     EXPECT_STREQ(NorvCore::ShortFileName(nullptr), "");
 }
 
+TEST_F(TraceTest, FunctionNamesAreQualifiedWithoutTypes) {
+    EXPECT_EQ("VEXIL::LogData::CacheRecord",
+              NorvCore::QualifiedFunctionName(
+                  "bool VEXIL::LogData::CacheRecord(const string&, u64, u64, u32)"));
+    EXPECT_EQ("luaopen_vexil", NorvCore::QualifiedFunctionName("int luaopen_vexil(lua_State*)"));
+    EXPECT_EQ("VEXIL::CSSLCertThread::CSSLCertThread",
+              NorvCore::QualifiedFunctionName("VEXIL::CSSLCertThread::CSSLCertThread(CDom&)"));
+    // Blanks inside template arguments do not end the return type early.
+    EXPECT_EQ("Make<std::pair<int, int> >",
+              NorvCore::QualifiedFunctionName("std::map<int, int> Make<std::pair<int, int> >()"));
+}
+
 TEST_F(TraceTest, SwitchingWhileOtherThreadsTraceIsSafe) {
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
