@@ -40,7 +40,7 @@ end
 -- Runs a chunk of Lua in a fresh lua5.2 process with the modules of this
 -- build; returns its standard output.
 function support.run(chunk)
-  local command = string.format("lua5.2 -e %q 2>&1", chunk)
+  local command = string.format("lua5.2 -e %q 2>/dev/null", chunk)
   local pipe = io.popen(command)
   local output = pipe:read("*a")
   pipe:close()
