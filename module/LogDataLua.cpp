@@ -28,10 +28,11 @@ int WriteLogDataLua(lua_State* L) {
     const char* data = BytesArgument(L, 3, dataLength);
     const char* packet = BytesArgument(L, 5, packetLength);
     bool result = false;
-    // A record shorter than its fixed part is refused, never read past.
-    if (record != nullptr && recordLength >= DriverLogEntry::kSize &&
-        dataLength <= DriverLogEntry::kWorkingCopySize && packetLength <= 0xFFFFFFFFu) {
-        result = WithConfig(L, log, 4, [&] {
+    // A record shorter than its fixed part is refused, never read past. A
+    // trailing block too long for the working copy is refused by the copy.
+    if (record != nullptr && recordLength >= DriverLogEntry::kSize && dataLength <= 0xFFFFFFFFu &&
+        packetLength <= 0xFFFFFFFFu) {
+        result = WithConfig(L, log, 4, "WriteLogData()", [&] {
             return log->WriteLogData(reinterpret_cast<const DriverLogEntry*>(record), data,
                                      u32(dataLength), reinterpret_cast<const u8*>(packet),
                                      u32(packetLength));

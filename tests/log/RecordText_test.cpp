@@ -1,0 +1,179 @@
+// Rendering of single records: the field texts, the columns of a log line on
+// crafted records, and the bounds of the working copy.
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/Dom.h"
+#include "log/LogData.h"
+#include "log/RecordCopy.h"
+#include "log/RecordText.h"
+
+using VEXIL::DriverLogEntry;
+using VEXIL::LogData;
+using VEXIL::RecordCopy;
+
+namespace {
+
+// A record built field by field at the wire offsets.
+struct Record {
+    DriverLogEntry entry{};
+    template <typename T>
+    Record& Set(size_t offset, T value) {
+        std::memcpy(entry.bytes + offset, &value, sizeof value);
+        return *this;
+    }
+    Record& SetBytes(size_t offset, const std::string& bytes) {
+        std::memcpy(entry.bytes + offset, bytes.data(), bytes.size());
+        return *this;
+    }
+    Record& Flags(u16 flags) { return Set<u16>(38, flags); }
+    Record& Proto(u8 protocol) { return Set<u8>(129, protocol); }
+    Record& Next(u8 protocol) { return Set<u8>(126, protocol); }
+};
+
+bool EndsWith(const std::string& text, const std::string& tail) {
+    return text.size() >= tail.size() &&
+           text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+std::string Protocol(const Record& record) {
+    char text[16] = "";
+    VEXIL::ProtocolText(text, sizeof text, &record.entry);
+    return text;
+}
+
+TEST(RecordText, ProtocolWordsByTheAddressFamily) {
+    const std::vector<std::pair<u8, std::string>> words = {
+        {1, "ICMP"}, {2, "IGMP"},    {3, "GGP"}, {6, "TCP"}, {12, "PUP"},  {17, "UDP"},
+        {22, "IDP"}, {58, "ICMPv6"}, {77, "ND"}, {0, "0"},   {255, "255"}, {4, "4"}};
+    for (const auto& word : words) {
+        EXPECT_EQ(word.second, Protocol(Record().Flags(0x10).Set<u8>(129, word.first)));
+    }
+    // IPv6 takes the next header; both bits count as IPv4; neither shows nothing.
+    EXPECT_EQ("ICMPv6", Protocol(Record().Flags(0x20).Proto(6).Next(58)));
+    EXPECT_EQ("TCP", Protocol(Record().Flags(0x30).Proto(6).Next(58)));
+    EXPECT_EQ("", Protocol(Record().Flags(0x4F).Proto(6).Next(58)));
+    // A short buffer cuts the word and stays terminated.
+    char small[4] = "";
+    VEXIL::ProtocolText(small, sizeof small, &Record().Flags(0x20).Next(58).entry);
+    EXPECT_STREQ("ICM", small);
+}
+
+TEST(RecordText, TcpFlagsFrameTypesAndPrintedFlags) {
+    char text[64] = "";
+    VEXIL::TcpFlagsText(text, sizeof text, &Record().Set<u8>(173, 0xA5).entry);
+    EXPECT_STREQ("CWR URG RST FIN ", text);
+
+    const std::vector<std::pair<u16, std::string>> types = {{0x0800, "IP"},     {0x0806, "ARP"},
+                                                            {0x8035, "RevARP"}, {0x8191, "NetBEUI"},
+                                                            {0x86DD, "IPv6"},   {0x1234, "0x1234"}};
+    for (const auto& type : types) {
+        text[0] = '\0';
+        VEXIL::FrameTypeText(text, sizeof text, type.first);
+        EXPECT_EQ(type.second, text);
+    }
+
+    const std::vector<std::pair<u16, u32>> printed = {{0x08, 1},   {0x10, 2},   {0x20, 4},
+                                                      {0x02, 8},   {0x04, 16},  {0x01, 32},
+                                                      {0xFFC0, 0}, {0xFFFF, 63}};
+    for (const auto& flags : printed) {
+        EXPECT_EQ(flags.second, VEXIL::PrintedLogFlags(flags.first)) << flags.first;
+    }
+}
+
+class Render : public ::testing::Test {
+protected:
+    std::string Line(const DriverLogEntry& record) {
+        std::string line = "stale";
+        u64 first = 0, last = 0;
+        EXPECT_TRUE(m_Log.BinaryToAscii(&record, line, first, last));
+        m_First = first;
+        m_Last = last;
+        return line;
+    }
+    NorvCore::CDom m_Dom{":memory:"};
+    LogData m_Log{m_Dom};
+    u64 m_First = 0, m_Last = 0;
+};
+
+TEST_F(Render, EmptyPacketRecordKeepsEverySeparator) {
+    Record record;
+    record.Set<u32>(0, 7).Set<u32>(4, 8).Set<u32>(88, 4000000000u).Set<u32>(92, 999999);
+    EXPECT_EQ("f, 0, 1, , , , , , , , , , , 0, 0, 0, 0, -1, , 0, 0, 0, 0, , , ",
+              Line(record.entry));
+    EXPECT_EQ(7000008u, m_First);
+    EXPECT_EQ(4000000000999999u, m_Last);
+}
+
+TEST_F(Render, ClipsMacAndNoteAndPrintsOddFrameTypes) {
+    Record record;
+    record.Flags(0x3B).Set<u32>(40, 20).SetBytes(44, "\x01\x02\x03\x04\x05\x06\x07\x08");
+    // The 17th note byte would be the first byte of data_len, 0xCD.
+    record.Set<u16>(56, 17).SetBytes(60, std::string(16, '\xAB')).Set<u8>(76, 0xCD);
+    record.Set<u16>(114, htons(0x1234)).Proto(17).SetBytes(132, std::string("\x0A\x00\x00\x01", 4));
+    const std::string line = Line(record.entry);
+    EXPECT_EQ(0u, line.find("f, 1, 0, 01 02 03 04 05 06 07 08, 0x1234, 00 00 00 00 00 00, "))
+        << line;
+    // Both IP bits: the record is IPv4.
+    EXPECT_NE(std::string::npos, line.find(", UDP, , 10.0.0.1, , 0.0.0.0, , ")) << line;
+    std::string note;
+    for (int i = 0; i < 16; ++i) {
+        note += "AB";
+    }
+    EXPECT_NE(std::string::npos, line.find(", " + note + ", ")) << line;
+    EXPECT_EQ(std::string::npos, line.find("CD")) << line;
+}
+
+TEST_F(Render, OnlyTimesAndCountStayOutOfTheText) {
+    Record record;
+    record.Flags(0x50).Proto(6).Set<u32>(52, 60);
+    const std::string base = Line(record.entry);
+    Record later = record;
+    later.Set<u32>(0, 99).Set<u32>(4, 1).Set<u32>(88, 100).Set<u32>(96, 7);
+    EXPECT_EQ(base, Line(later.entry));
+    Record longer = record;
+    longer.Set<u32>(52, 61);
+    EXPECT_NE(base, Line(longer.entry));
+    const u8 one = 1, two = 2;
+    Record packetOne = record, packetTwo = record;
+    packetOne.Set<u16>(58, 1).Set(184, &one);
+    packetTwo.Set<u16>(58, 1).Set(184, &two);
+    EXPECT_NE(Line(packetOne.entry), Line(packetTwo.entry));
+    EXPECT_TRUE(EndsWith(Line(packetOne.entry), ", , , 01"));
+}
+
+TEST(RecordCopyTest, BoundsOfTheWorkingCopy) {
+    static RecordCopy copy;
+    const Record record;
+    const std::vector<u8> data(65345, 0xEE);
+    EXPECT_TRUE(copy.Fill(&record.entry, data.data(), 65344));
+    EXPECT_FALSE(copy.Fill(&record.entry, data.data(), 65345));
+    EXPECT_FALSE(copy.Fill(nullptr, data.data(), 1));
+    EXPECT_FALSE(copy.Fill(&record.entry, nullptr, 1));
+    EXPECT_TRUE(copy.Fill(&record.entry, nullptr, 0));
+    // An announced length beyond the room is cut to it.
+    Record huge;
+    huge.Set<u16>(76, 0xFFFF);
+    ASSERT_TRUE(copy.Fill(&huge.entry, nullptr, 0));
+    EXPECT_EQ(65344u, copy.Entry()->boundedDataLen());
+}
+
+TEST_F(Render, AnnouncedDataBeyondWhatArrivedReadsZeros) {
+    static RecordCopy copy;
+    const std::vector<u8> old(8, 0xEE);
+    const Record blank;
+    ASSERT_TRUE(copy.Fill(&blank.entry, old.data(), old.size()));
+    Record record;
+    record.Set<u16>(84, 0x02).Set<u16>(76, 6);
+    const u8 arrived[2] = {0xAB, 0xCD};
+    ASSERT_TRUE(copy.Fill(&record.entry, arrived, sizeof arrived));
+    const std::string line = Line(*copy.Entry());
+    EXPECT_TRUE(EndsWith(line, ", 8, 0, 0, ABCD00000000, ")) << line;
+}
+
+}  // namespace

@@ -1,0 +1,106 @@
+-- Shared set-up of the log path specs: a log object in its own folder, a
+-- configuration table, records with defaults, and the file read back.
+local support = require "support"
+local norv = require "norv"
+local norvi = require "norvi"
+assert(require "vexil")
+
+local logpath = {}
+
+-- A fresh host store and log object writing to <folder>/norv_mpnp.
+function logpath.new()
+  local env = { folder = support.tempdir() }
+  env.dom = SLB.norv.Dom(":memory:")
+  env.dom:SetSetting("norv.baseFolder", env.folder)
+  env.log = SLB.vexil.LogData(env.dom)
+  env.log:SetLogFilePath(env.folder)
+  env.path = env.folder .. "/norv_mpnp"
+  norv.SetTicks(1000000)
+  norv.OperatorLog()
+  return env
+end
+
+function logpath.finish(env)
+  env.log = nil
+  collectgarbage()
+  norv.RealTicks()
+  norv.SetTrace("")
+  support.remove(env.folder)
+end
+
+-- A configuration table; filterLog replaces the group packetFilterLog (by
+-- default a cache of size 0: every record becomes a line at once).
+function logpath.config(filterLog)
+  return {
+    packetFilterLog = filterLog or { cacheSize = 0 },
+    trafficAnalysisConfiguration = {},
+    probeConfigurationMap = {},
+    driverInterfaceMap = { { id = 5, mac = "\0\17\34\51\68\85" } },
+    interfaceMap = { ["001122334455"] = { id = 3, name = "eth0" } },
+  }
+end
+
+-- Makes the next record read the configuration table again.
+function logpath.update(env)
+  env.dom:ConditionRaise("app.configUpdated")
+end
+
+-- An outgoing IPv4 UDP record with fixed times; fields override.
+function logpath.record(fields)
+  local record = {
+    time_sec = 1700000000, time_usec = 250, end_time_sec = 1700000002, end_time_usec = 750,
+    count = 1, flags = 0x51, iph_proto = 17, iph_src = "10.1.2.3", iph_dest = "10.9.8.7",
+    th_sport = 5353, th_dport = 53, packet_len = 80, interface_index = 5,
+  }
+  for name, value in pairs(fields or {}) do
+    record[name] = value ~= false and value or nil
+  end
+  return norvi.EncodeRecord(record)
+end
+
+function logpath.write(env, fields, config, data, packet)
+  return env.log:WriteLogData(logpath.record(fields), data or "", config or logpath.config(),
+                              packet)
+end
+
+-- The 31 columns of a file line, split at the separators.
+function logpath.columns(line)
+  local columns, start = {}, 1
+  while true do
+    local at = line:find(", ", start, true)
+    if not at then
+      columns[#columns + 1] = line:sub(start)
+      return columns
+    end
+    columns[#columns + 1] = line:sub(start, at - 1)
+    start = at + 2
+  end
+end
+
+-- The lines of the live file, without line ends.
+function logpath.lines(env)
+  return support.lines(env.path)
+end
+
+-- Column n (1 to 31) of each line of the live file.
+function logpath.column(env, n)
+  local values = {}
+  for i, line in ipairs(logpath.lines(env)) do
+    values[i] = logpath.columns(line)[n]
+  end
+  return values
+end
+
+function logpath.exists(path)
+  local file = io.open(path, "rb")
+  if file then file:close() end
+  return file ~= nil
+end
+
+function logpath.put(path, text)
+  local file = assert(io.open(path, "wb"))
+  file:write(text)
+  file:close()
+end
+
+return logpath

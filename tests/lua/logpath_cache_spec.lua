@@ -1,0 +1,119 @@
+-- The coalescing cache on the manual clock: merging of counts and time
+-- spans, life time and idle time (also across the wrap of the tick), and
+-- eviction when the cache is full.
+local norv = require "norv"
+local logpath = require "logpath"
+
+describe("the record cache", function()
+  local env, config
+  before_each(function()
+    env = logpath.new()
+    config = logpath.config({ cacheSize = 2, cacheLifetime = 60000, cacheStaletime = 10000 })
+  end)
+  after_each(function() logpath.finish(env) end)
+
+  local function write(fields)
+    return logpath.write(env, fields, config)
+  end
+
+  it("merges equal texts into one line with the summed count and the widest span", function()
+    assert.is_true(write({ time_sec = 200, time_usec = 5, end_time_sec = 210, count = 2 }))
+    assert.is_true(write({ time_sec = 100, time_usec = 1, end_time_sec = 150, count = 0 }))
+    assert.is_true(write({ time_sec = 300, end_time_sec = 400, end_time_usec = 9, count = 5 }))
+    assert.is_true(write({ packet_len = 81, time_sec = 7, end_time_sec = 8 }))
+    assert.is_false(logpath.exists(env.path))
+    assert.is_true(env.log:FlushBufferedData(true))
+    local lines = logpath.lines(env)
+    assert.are.equal(2, #lines)
+    -- Key order: the packet length 80 sorts before 81.
+    assert.matches("^1970/01/01, 00:01:40, f, .*, 80, .*, 7, 400000009, 100000001$", lines[1])
+    assert.matches("^1970/01/01, 00:00:07, f, .*, 81, .*, 1, 8000750, 7000250$", lines[2])
+    -- An empty cache flushes to nothing, successfully.
+    assert.is_true(env.log:FlushBufferedData(true))
+    assert.are.equal(2, #logpath.lines(env))
+  end)
+
+  it("writes a record once its life time has passed, though it never went quiet", function()
+    for _ = 1, 11 do
+      write({})
+      norv.AdvanceTicks(5000)
+    end
+    write({}) -- 55000 msec old
+    assert.is_false(logpath.exists(env.path))
+    norv.AdvanceTicks(5000)
+    write({}) -- merged, then due at 60000
+    assert.are.same({ "13" }, logpath.column(env, 29))
+    -- The next event starts a new record.
+    write({})
+    assert.are.equal(1, #logpath.lines(env))
+  end)
+
+  it("writes a record that has been idle for the stale time; count 0 still keeps it alive", function()
+    write({ count = 4 })
+    norv.AdvanceTicks(9000)
+    write({ count = 0 })
+    norv.AdvanceTicks(9999)
+    assert.is_true(env.log:FlushBufferedData(false))
+    assert.is_false(logpath.exists(env.path))
+    norv.AdvanceTicks(1)
+    assert.is_true(env.log:FlushBufferedData(false))
+    assert.are.same({ "4" }, logpath.column(env, 29))
+  end)
+
+  it("measures age and idle time across the wrap of the tick counter", function()
+    norv.SetTicks(0xFFFFFF00)
+    write({})
+    norv.AdvanceTicks(0x100) -- the counter stands at 0
+    assert.are.equal(0, norv.Ticks())
+    write({ packet_len = 81 })
+    norv.AdvanceTicks(10000 - 0x100 - 1)
+    assert.is_true(env.log:FlushBufferedData(false))
+    assert.is_false(logpath.exists(env.path))
+    norv.AdvanceTicks(1)
+    assert.is_true(env.log:FlushBufferedData(false))
+    assert.are.same({ "80" }, logpath.column(env, 16))
+  end)
+
+  it("evicts the oldest record when full, the greater text on a tie", function()
+    write({ packet_len = 10 })
+    norv.AdvanceTicks(5)
+    write({ packet_len = 30 })
+    assert.is_false(logpath.exists(env.path)) -- two records fit
+    write({ packet_len = 20 })
+    -- Age wins over key order.
+    assert.are.same({ "10" }, logpath.column(env, 16))
+    -- 30 and 20 have the same age and idle time, and so does the new one:
+    -- the text greatest in byte order goes ("9" > "3" > "2").
+    write({ packet_len = 9 })
+    assert.are.same({ "10", "9" }, logpath.column(env, 16))
+    assert.is_true(env.log:FlushBufferedData(true))
+    assert.are.same({ "10", "9", "20", "30" }, logpath.column(env, 16))
+  end)
+
+  it("warns when the oldest record was due and none is left to evict", function()
+    config.packetFilterLog.cacheSize = 4
+    logpath.update(env)
+    write({ packet_len = 90 })
+    norv.AdvanceTicks(9000)
+    write({ packet_len = 10 })
+    write({ packet_len = 20 })
+    norv.AdvanceTicks(1000) -- 90 is idle for the stale time, and the oldest
+    -- Shrinking to one record: the first pass writes 90, finds no record to
+    -- evict and warns; the second evicts the greater of the two equals.
+    config.packetFilterLog.cacheSize = 1
+    logpath.update(env)
+    assert.is_false(write({ log_flags = 0x40 }))
+    assert.are.same({ "90", "20" }, logpath.column(env, 16))
+    local log = table.concat(norv.OperatorLog(), "\n")
+    assert.matches("FlushBufferedData%(%) %- +cache is too big, but we didn't locate the oldest record!",
+                   log)
+    assert.matches("oldestRecord != this%->m_LogRecordMap.end%(%)", log)
+  end)
+
+  it("makes every event its own line with a cache size of 0", function()
+    config.packetFilterLog = { cacheSize = 0, cacheLifetime = 600000 }
+    write({ count = 3 })
+    write({ count = 4 })
+    assert.are.same({ "3", "4" }, logpath.column(env, 29))
+  end)
+end)
