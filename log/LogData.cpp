@@ -204,6 +204,9 @@ long LogData::LogFileNumber(const wxString& path) {
     // The number of an old copy is its extension; anything that does not
     // begin with digits counts as 0, as the live file does.
     const wxString extension = wxFileName(path).GetExt();
+    if (extension.empty() || !wxIsdigit(extension[0])) {
+        return 0;
+    }
     return std::wcstol(extension.wc_str(), nullptr, 10);
 }
 

@@ -159,7 +159,7 @@ TEST(LogDataFile, ExistingFileKeepsItsModeAndContent) {
 TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
     TempFolder temp;
     for (const char* name : {"norv_mpnp.10", "norv_mpnp.9", "norv_mpnp", "norv_mpnp.1",
-                             "norv_mpnp.bak", "other", "norv_mpnp.2"}) {
+                             "norv_mpnp.bak", "norv_mpnp.-3", "other", "norv_mpnp.2"}) {
         std::ofstream(temp.Path() + "/" + name) << "x";
     }
     wxFileName::Mkdir(temp.Path() + "/norv_mpnp.dir");
@@ -167,14 +167,14 @@ TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
     LogData log(dom);
     log.SetLogFilePath(temp.Path());
     wxArrayString files;
-    ASSERT_EQ(6u, log.ListLogFiles("norv_mpnp", files));
+    ASSERT_EQ(7u, log.ListLogFiles("norv_mpnp", files));
     std::vector<std::string> names;
     for (const wxString& file : files) {
         names.push_back(wxFileName(file).GetFullName().ToStdString());
     }
-    // The live file and the stray copy both count as number 0.
-    EXPECT_EQ((std::vector<std::string>{"norv_mpnp", "norv_mpnp.bak", "norv_mpnp.1", "norv_mpnp.2",
-                                        "norv_mpnp.9", "norv_mpnp.10"}),
+    // The live file and the stray copies (no digits first) all count as number 0.
+    EXPECT_EQ((std::vector<std::string>{"norv_mpnp", "norv_mpnp.-3", "norv_mpnp.bak", "norv_mpnp.1",
+                                        "norv_mpnp.2", "norv_mpnp.9", "norv_mpnp.10"}),
               names);
 }
 
