@@ -1,6 +1,7 @@
 // ConfigUtils: the protected reading machinery and the lookups of single
 // items (rules, host identity, interfaces).
 #include "config/ConfigUtils.h"
+#include "config/LuaTableRead.h"
 
 #include <cmath>
 #include <limits>
@@ -37,17 +38,6 @@ struct EntryQuery {
     int fieldCount;
     EntryStage stage;
 };
-
-// Leaves the value on top as a string (a number is turned into one, as Lua
-// does) or as nil.
-void ToTextOrNil(lua_State* L) {
-    if (lua_type(L, -1) == LUA_TSTRING || lua_type(L, -1) == LUA_TNUMBER) {
-        lua_tolstring(L, -1, nullptr);
-    } else {
-        lua_pop(L, 1);
-        lua_pushnil(L);
-    }
-}
 
 // Reader: configuration at 1, EntryQuery at 2. Returns the fields in order:
 // text fields as string or nil, the others as they stand.

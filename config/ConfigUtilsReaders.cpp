@@ -11,6 +11,7 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "config/LuaTableRead.h"
 #include "host/Dom.h"
 #include "host/TextHelpers.h"
 #include "host/Trace.h"
@@ -53,16 +54,6 @@ struct PlatformInterfaceQuery {
     size_t length;
     Stage stage;
 };
-
-// Leaves the value on top as a string (a number is turned into one) or nil.
-void ToTextOrNil(lua_State* L) {
-    if (lua_type(L, -1) == LUA_TSTRING || lua_type(L, -1) == LUA_TNUMBER) {
-        lua_tolstring(L, -1, nullptr);
-    } else {
-        lua_pop(L, 1);
-        lua_pushnil(L);
-    }
-}
 
 // Pushes the kListResults values of the named list group[field].
 void PushNamedList(lua_State* L, int group, const char* field) {
