@@ -34,6 +34,12 @@ void* UpCast(void* object) {
     return static_cast<B*>(static_cast<T*>(object));
 }
 
+// Stores the constructor's arguments (positions 1 to count) in the uservalue
+// of the instance on top of the stack. An object that the new one was given
+// by reference, such as the host store, then lives at least as long as it,
+// whatever the script does with its own reference.
+void KeepArgumentsAlive(lua_State* L, int count);
+
 // __call of a class table: (class table, arguments...). The object is made
 // with Malloc and belongs to the script.
 template <class T, class... A>
@@ -46,6 +52,7 @@ struct ConstructorCall {
         // The instance is pushed before the object is made, so that a Lua
         // memory error cannot leak the object.
         InstanceBox* box = cls->pushInstance(L, nullptr, false);
+        KeepArgumentsAlive(L, static_cast<int>(sizeof...(A)));
         void* memory = Malloc(sizeof(T));
         if (!memory) {
             lua_pushnil(L);

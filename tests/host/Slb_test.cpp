@@ -43,6 +43,16 @@ public:
     bool IsNull(Widget* widget) { return widget == nullptr; }
 };
 
+// Made with a reference to a Widget that it keeps using.
+class Frame {
+public:
+    explicit Frame(Widget& widget) : m_Widget(&widget) {}
+    long WidgetSize() { return m_Widget->Size(); }
+
+private:
+    Widget* m_Widget;
+};
+
 // Constructed from the host store; used where no store class is registered.
 class Gauge {
 public:
@@ -106,6 +116,9 @@ protected:
             .constructor<>()
             .set("SizeOf", &Holder::SizeOf)
             .set("IsNull", &Holder::IsNull);
+        SLB::Class<Frame>("test::Frame", m_Manager)
+            .constructor<Widget&>()
+            .set("WidgetSize", &Frame::WidgetSize);
         SLB::Class<Gauge>("test::Gauge", m_Manager).constructor<NorvCore::CDom&>();
         SLB::Class<Root>("test::Root", m_Manager).set("RootValue", &Root::RootValue);
         SLB::Class<Left>("test::Left", m_Manager).set("LeftValue", &Left::LeftValue);
@@ -364,6 +377,17 @@ TEST_F(SlbTest, OwnedInstancesDieOnceAtCollection) {
     lua_close(L);
     L = nullptr;
     EXPECT_EQ(g_Destroyed, 4);
+}
+
+TEST_F(SlbTest, ConstructorArgumentsLiveAsLongAsTheInstance) {
+    // The script keeps no reference of its own to the widget.
+    ASSERT_EQ(Run("f = SLB.test.Frame(SLB.test.Widget('inner', 7)) "
+                  "collectgarbage() collectgarbage()"),
+              "");
+    EXPECT_EQ(g_Destroyed, 0);
+    EXPECT_EQ(Eval("f:WidgetSize()"), "7");
+    ASSERT_EQ(Run("f = nil collectgarbage() collectgarbage() collectgarbage()"), "");
+    EXPECT_EQ(g_Destroyed, 1);
 }
 
 TEST_F(SlbTest, InstancesPrintTheirClass) {
