@@ -11,6 +11,7 @@
 #include "host/slb/SLB.h"
 #include "log/LogData.h"
 #include "module/LogDataLua.h"
+#include "module/SslLua.h"
 
 using VEXIL::LogData;
 
@@ -47,6 +48,7 @@ void vexilLua_Init(SLB::Manager* manager) {
         .set("GetLogFileFullPath", &LogData::GetLogFileFullPath)
         .set("FlushBufferedData", &LogData::FlushBufferedData)
         .set("InitializeLogFile", &LogData::InitializeLogFile);
+    sslLua_Init(manager);
 }
 
 }  // namespace

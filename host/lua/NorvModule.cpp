@@ -2,7 +2,8 @@
 //
 // require "norv" initialises the toolkit, sets up the binder in the
 // interpreter when the host has not done it, registers the host store as the
-// class norv::Dom and returns the table of host functions (trace, operator
+// class norv::Dom and the thread classes norv::Thread and norv::Runnable, and
+// returns the table of host functions (trace, operator
 // log, ticks). Loading traces one line under the category "norv". Everything here runs on the Lua
 // thread that called it; the host services it calls are thread-safe themselves.
 #include <cmath>
@@ -12,6 +13,7 @@
 #include <lua.hpp>
 
 #include "host/Dom.h"
+#include "host/Runnable.h"
 #include "host/Ticks.h"
 #include "host/Toolkit.h"
 #include "host/Trace.h"
@@ -179,6 +181,21 @@ const luaL_Reg kFunctions[] = {
     {"TraceLines", TraceLinesLua},     {nullptr, nullptr},
 };
 
+// The thread classes, as norv::Thread and norv::Runnable: scripts start and
+// stop the system's threads (objects of classes derived from these) through
+// them. Neither has a constructor of its own.
+void RegisterThreads(SLB::Manager* manager) {
+    SLB::Class<wxThread, SLB::Instance::NoCopy>("norv::Thread", manager)
+        .setInfo("wxThread: a toolkit thread")
+        .set("IsAlive", &wxThread::IsAlive);
+    SLB::Class<NorvCore::CRunnable, SLB::Instance::NoCopy>("norv::Runnable", manager)
+        .setInfo("NorvCore::CRunnable: a thread of the system")
+        .inherits<wxThread>()
+        .set("start", &NorvCore::CRunnable::start)
+        .set("isRunning", &NorvCore::CRunnable::isRunning)
+        .set("StopThread", &NorvCore::CRunnable::StopThread);
+}
+
 void RegisterDom(SLB::Manager* manager) {
     SLB::Class<CDom, SLB::Instance::NoCopy>("norv::Dom", manager)
         .setInfo("NorvCore::CDom: the host's settings, conditions and agent events")
@@ -199,7 +216,9 @@ extern "C" __attribute__((visibility("default"))) int luaopen_norv(lua_State* L)
     return SLB::detail::Protect(L, [&] {
         NorvCore::InitializeToolkit();
         NORV_TRACE(L"norv", "luaopen_norv");
-        RegisterDom(SLB::Manager::createInstance(L));
+        SLB::Manager* manager = SLB::Manager::createInstance(L);
+        RegisterDom(manager);
+        RegisterThreads(manager);
         luaL_newlib(L, kFunctions);
         return 1;
     });
