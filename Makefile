@@ -34,12 +34,16 @@ test-asan: deps build-asan/CMakeCache.txt
 build-tsan/CMakeCache.txt: | deps
 	$(CMAKE) -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVEXIL_TSAN=ON
 
-test-tsan: deps build-tsan/CMakeCache.txt
-	$(CMAKE) --build build-tsan -j $(JOBS)
-	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
-		$(CTEST) --output-on-failure -j $(JOBS) -L threads
+# Only the programs that exercise threads are built and run under ThreadSanitizer.
+# Lock-order checking is off: the toolkit's internal mutex gives a false report.
+THREAD_TESTS := $(basename $(notdir $(wildcard tests/*/*Threads_test.cpp)))
 
-check: test test-asan
+test-tsan: deps build-tsan/CMakeCache.txt
+	$(if $(THREAD_TESTS),$(CMAKE) --build build-tsan -j $(JOBS) --target $(THREAD_TESTS))
+	$(if $(THREAD_TESTS),cd build-tsan && TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=0 \
+		$(CTEST) --output-on-failure -j $(JOBS) -L threads)
+
+check: test test-asan test-tsan
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON

@@ -3,6 +3,7 @@
 
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include "host/Types.h"
 
@@ -18,6 +19,34 @@ enum ProbeType : u8 {
     XmasScan = 4,
 };
 constexpr int kProbeTypeCount = 5;
+
+// The name of a probe type in event texts and trace lines.
+inline const char* ProbeTypeName(int type) {
+    switch (type) {
+        case FingerprintScan:
+            return "FingerprintScan";
+        case HostOrPortScan:
+            return "HostOrPortScan";
+        case NullScan:
+            return "NullScan";
+        case SynFinScan:
+            return "SynFinScan";
+        case XmasScan:
+            return "XmasScan";
+        default:
+            return "UnknownProbeType";
+    }
+}
+
+// One countable packet record, as the flow tracking sees it. Addresses stay in
+// network order as they stand in the record; ports are in host order. The
+// source port is carried along but not counted.
+struct TerminatedFlow {
+    u32 destAddress;
+    u32 sourceAddress;
+    u16 destPort;
+    u16 sourcePort;
+};
 
 // Source address (network order) and IP protocol; ordered by address, then protocol.
 struct IpProtocolKey {
@@ -43,10 +72,30 @@ struct FlowStats {
     std::set<u16> ports;
 };
 
-// A source under suspicion: its accumulated figures and likelihood ratio.
+// A source under suspicion: its figures accumulated over all bins since it
+// became a candidate, and its likelihood ratio. A candidate is made only by a
+// suspect bin, so the ratio starts at the suspect-bin multiplier, never at 1.
 struct ScanCandidate {
+    ScanCandidate(FlowStats firstBin, double suspectBinRatio)
+        : stats(std::move(firstBin)), likelihoodRatio(suspectBinRatio) {}
+
     FlowStats stats;
-    double likelihoodRatio = 1.0;
+    double likelihoodRatio;
+};
+
+// A detection that is recorded in the table of known attackers and whose
+// outside effects (block request, agent event, heartbeat) are still to be
+// carried out, with no lock held. Scanner detections carry the address and
+// port counts that the event reports.
+struct ProbeReport {
+    u8 type;
+    u32 address;  // network order
+    u8 protocol;
+    i32 blockSeconds;
+    bool notifyImmediately;
+    bool hasCounts;
+    u64 addressCount;
+    u64 portCount;
 };
 
 }  // namespace VEXIL

@@ -18,6 +18,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <sys/types.h>
 
@@ -30,6 +31,7 @@
 #include "config/IpList.h"
 #include "host/Dom.h"
 #include "host/Syslogger.h"
+#include "host/Ticks.h"
 #include "host/Types.h"
 #include "host/norvi.h"
 #include "log/DriverLogEntry.h"
@@ -100,6 +102,18 @@ public:
     bool FlushBufferedData(bool force);
     bool WriteRecord(const std::string& line, const LogRecordValue& value);
 
+    // Traffic analysis. HandleTerminatedFlow counts one flow of the record
+    // path in the open time bin. CacheMaintenance closes the bin once its
+    // time is up, scores its sources and forgets expired attackers; config
+    // (may be null: then nothing is blocked) is the table of the caller's
+    // own script call, read only on the caller's thread. True while the open
+    // bin holds flows. WriteProbeEvent reports a detection (scanStats null
+    // for a stealth probe) with no lock held; false when its type is off.
+    void HandleTerminatedFlow(const TerminatedFlow& flow, u8 protocol);
+    bool CacheMaintenance(ConfigUtils* config);
+    bool WriteProbeEvent(int type, u32 address, u8 protocol, ConfigUtils* config,
+                         const FlowStats* scanStats);
+
     // The file store.
     bool WriteRawData(size_t length, const void* bytes);
     bool CloseLogFile();
@@ -144,6 +158,19 @@ private:
     // Installs a list read from the configuration and frees the one it
     // replaces, under lock where one guards the field.
     static void ReplaceList(IpList*& field, IpList* replacement, wxCriticalSection* lock);
+    // Scoring of one source's closed bin, and one observation of a candidate
+    // (the entry may be erased). Detections go to reports, to be carried out
+    // by ReportProbe once the caller holds no lock.
+    void AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
+                               std::vector<ProbeReport>& reports);
+    void UpdateLikelihoodRatio(std::map<IpProtocolKey, ScanCandidate>::iterator candidate,
+                               bool suspect, std::vector<ProbeReport>& reports);
+    // Records a new detection in m_ProbingIps and appends it to reports;
+    // silent for a known one. False only when the type is not enabled.
+    bool RecordProbe(int type, u32 address, u8 protocol, const FlowStats* scanStats,
+                     std::vector<ProbeReport>& reports);
+    // Block request, agent event and heartbeat of a recorded detection.
+    void ReportProbe(const ProbeReport& report, ConfigUtils* config);
 
     wxCriticalSection m_ReadLock;       // held through a read-back
     wxCriticalSection m_QueueLock;      // guards m_FormatQueue
@@ -174,7 +201,7 @@ private:
     NorvCore::CSyslogger m_Syslogger;
     ConfigUtils* m_ConfigUtils = nullptr;  // set for one script call, not owned
     bool m_ScanTraceEnabled = false;       // category "LogScan" at construction
-    u32 m_LastTimeBinTicks = 0;
+    u32 m_LastTimeBinTicks = NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
     IpList* m_DestIpList = nullptr;  // m_DestIpListLock
     wxCriticalSection m_DestIpListLock;
     IpList* m_DestIpv6List = nullptr;  // m_DestIpv6ListLock

@@ -11,6 +11,7 @@
 #include "host/slb/SLB.h"
 #include "log/LogData.h"
 #include "module/LogDataLua.h"
+#include "module/MaintenanceLua.h"
 #include "module/SslLua.h"
 
 using VEXIL::LogData;
@@ -47,7 +48,8 @@ void vexilLua_Init(SLB::Manager* manager) {
         .set("GetNumberOfOldCopies", &LogData::GetNumberOfOldCopies)
         .set("GetLogFileFullPath", &LogData::GetLogFileFullPath)
         .set("FlushBufferedData", &LogData::FlushBufferedData)
-        .set("InitializeLogFile", &LogData::InitializeLogFile);
+        .set("InitializeLogFile", &LogData::InitializeLogFile)
+        .set("CacheMaintenance", SLB::FuncCall::create(CacheMaintenanceLua));
     sslLua_Init(manager);
 }
 
