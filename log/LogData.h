@@ -39,6 +39,8 @@
 namespace VEXIL {
 
 class ConfigUtils;
+class LogLineSink;
+struct ReadBackSpan;
 
 // One record waiting in the coalescing cache.
 struct LogRecordValue {
@@ -102,6 +104,18 @@ public:
     bool FlushBufferedData(bool force);
     bool WriteRecord(const std::string& line, const LogRecordValue& value);
 
+    // Read-back: the lines of one role (LogRole) whose first time lies in
+    // the span (seconds since 1970, 0 for open), oldest file first, each
+    // handed to sink. Without a sink the scan stops at the first such line.
+    // False only when the family cannot be listed. Holds m_ReadLock.
+    bool GetLogData(int role, i64 startTime, i64 endTime, const wxString& uuid,
+                    LogLineSink* sink);
+
+    // The syslog message of a working copy (record and trailing block), in
+    // the native or the CEF form as the host's syslog settings say. False,
+    // with result untouched, only when no configuration table is set.
+    bool SyslogFormat(const DriverLogEntry* record, std::string& result);
+
     // Traffic analysis. HandleTerminatedFlow counts one flow of the record
     // path in the open time bin. CacheMaintenance closes the bin once its
     // time is up, scores its sources and forgets expired attackers; config
@@ -137,6 +151,7 @@ public:
     u32 GetTimeBinMsec() const { return m_TimeBinMsec; }
     u32 GetScanningIpsRetentionMsec() const { return m_ScanningIpsRetentionMsec; }
     i32 GetVmProtection() const { return m_VmProtection; }
+    NorvCore::CDom& GetDom() const { return *m_Dom; }
 
 private:
     void initialize();
@@ -171,6 +186,11 @@ private:
                      std::vector<ProbeReport>& reports);
     // Block request, agent event and heartbeat of a recorded detection.
     void ReportProbe(const ProbeReport& report, ConfigUtils* config);
+    // One file of a read-back; false when the read-back ends with it.
+    bool ReadBackFile(const wxString& path, bool primary, const ReadBackSpan& span,
+                      LogLineSink* sink);
+    // Appends " HOSTID=<id>" with the configuration's host id.
+    void AppendHostIdentity(char* buffer, size_t size);
 
     wxCriticalSection m_ReadLock;       // held through a read-back
     wxCriticalSection m_QueueLock;      // guards m_FormatQueue

@@ -12,6 +12,7 @@
 #include "log/LogData.h"
 #include "module/LogDataLua.h"
 #include "module/MaintenanceLua.h"
+#include "module/QueryLua.h"
 #include "module/SslLua.h"
 
 using VEXIL::LogData;
@@ -36,7 +37,9 @@ void vexilLua_Init(SLB::Manager* manager) {
     SLB::Class<LogData, SLB::Instance::NoCopy>("vexil::LogData", manager)
         .setInfo("VEXIL::LogData: renders, caches, stores and analyses driver records")
         .constructor<NorvCore::CDom&>()
+        .set("GetLogData", SLB::FuncCall::create(GetLogDataLua))
         .set("WriteLogData", SLB::FuncCall::create(WriteLogDataLua))
+        .set("SyslogFormat", SLB::FuncCall::create(SyslogFormatLua))
         .set("SetNorvi", SLB::FuncCall::create(SetNorviLua))
         .set("SetLogFileName", &LogData::SetLogFileName)
         .set("GetLogFileName", &LogData::GetLogFileName)

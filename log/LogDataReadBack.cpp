@@ -1,0 +1,378 @@
+// LogData: reading the family of log files back for the agent, by time span.
+//
+// Lines do not stand in time order: a coalesced record bears the time of its
+// first event and reaches the file up to one cache life time later. So the
+// span is widened by that margin, and in the live file a read position per
+// role (a line number kept as a host value, so that it outlives the process)
+// lets a line that came late still be delivered, once.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include <wx/filename.h>
+#include <wx/log.h>
+
+#include "host/TextHelpers.h"
+#include "host/Trace.h"
+#include "log/LogData.h"
+#include "log/LogLineSink.h"
+
+namespace VEXIL {
+
+// What one read-back looks for; the same for every file of the family.
+struct ReadBackSpan {
+    int role;
+    char roleCharacter;  // column 3 of the wanted lines
+    i64 startTime;       // seconds, 0 for open
+    i64 endTime;         // seconds, 0 for open
+    // The margin of one cache life time round the span: the oldest late
+    // line delivered, and the time past which a file is left.
+    i64 lateLimit;  // startTime - margin
+    i64 endLimit;   // endTime + margin
+};
+
+namespace {
+
+// A line is read into a buffer of this size; a longer one comes in pieces of
+// one byte less, each counting as a line of its own.
+constexpr size_t kLineBufferSize = 9344;
+constexpr size_t kMaxPiece = kLineBufferSize - 1;
+// Characters of the date and time columns in front of what is delivered.
+constexpr size_t kDateTimeLength = 22;
+
+// Reads one file in pieces: each piece ends after a line feed, or holds
+// kMaxPiece bytes, or is the rest of the file. The pieces point into the
+// reader's own buffer and stay valid until the next call. Owned by the
+// read-back that made it.
+class CLinePieceReader {
+public:
+    explicit CLinePieceReader(int fd) : m_Fd(fd), m_Buffer(kReadSize) {}
+
+    bool Next(const char*& piece, size_t& length) {
+        for (;;) {
+            const size_t available = m_End - m_Start;
+            const size_t window = available < kMaxPiece ? available : kMaxPiece;
+            const char* start = m_Buffer.data() + m_Start;
+            const void* lineFeed = std::memchr(start, '\n', window);
+            if (lineFeed != nullptr) {
+                length = static_cast<const char*>(lineFeed) - start + 1;
+            } else if (window == kMaxPiece || (m_EndOfFile && available > 0)) {
+                length = window;
+            } else if (m_EndOfFile) {
+                return false;
+            } else {
+                Fill();
+                continue;
+            }
+            piece = start;
+            m_Start += length;
+            return true;
+        }
+    }
+
+    // Skips input up to and including the next line feed; false when the
+    // end of the file comes first.
+    bool SkipPastLineFeed() {
+        for (;;) {
+            const char* start = m_Buffer.data() + m_Start;
+            const void* lineFeed = std::memchr(start, '\n', m_End - m_Start);
+            if (lineFeed != nullptr) {
+                m_Start += static_cast<const char*>(lineFeed) - start + 1;
+                return true;
+            }
+            m_Start = m_End;
+            if (m_EndOfFile) {
+                return false;
+            }
+            Fill();
+        }
+    }
+
+private:
+    static constexpr size_t kReadSize = 256 * 1024;
+
+    // Moves what is left to the front and reads behind it; a read error
+    // counts as the end of the file.
+    void Fill() {
+        if (m_Start > 0) {
+            std::memmove(m_Buffer.data(), m_Buffer.data() + m_Start, m_End - m_Start);
+            m_End -= m_Start;
+            m_Start = 0;
+        }
+        for (;;) {
+            const ssize_t count = ::read(m_Fd, m_Buffer.data() + m_End, m_Buffer.size() - m_End);
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            if (count <= 0) {
+                m_EndOfFile = true;
+            } else {
+                m_End += size_t(count);
+            }
+            return;
+        }
+    }
+
+    const int m_Fd;
+    std::vector<char> m_Buffer;
+    size_t m_Start = 0;
+    size_t m_End = 0;
+    bool m_EndOfFile = false;
+};
+
+// Closes a file descriptor at the end of its scope.
+class CFdCloser {
+public:
+    explicit CFdCloser(int fd) : m_Fd(fd) {}
+    ~CFdCloser() { ::close(m_Fd); }
+    CFdCloser(const CFdCloser&) = delete;
+    CFdCloser& operator=(const CFdCloser&) = delete;
+
+private:
+    const int m_Fd;
+};
+
+// A decimal number read as strtoll reads it (leading white space, a sign,
+// digits, saturated at the limits), from text[from] up to text[length].
+i64 ReadDecimal(const char* text, size_t from, size_t length) {
+    size_t i = from;
+    while (i < length && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) {
+        ++i;
+    }
+    bool negative = false;
+    if (i < length && (text[i] == '+' || text[i] == '-')) {
+        negative = text[i] == '-';
+        ++i;
+    }
+    u64 magnitude = 0;
+    const u64 limit = negative ? u64(INT64_MAX) + 1 : u64(INT64_MAX);
+    bool saturated = false;
+    for (; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
+        const u64 digit = u64(text[i] - '0');
+        if (saturated || magnitude > (limit - digit) / 10) {
+            saturated = true;
+            continue;
+        }
+        magnitude = magnitude * 10 + digit;
+    }
+    if (saturated) {
+        magnitude = limit;
+    }
+    return negative ? i64(0 - magnitude) : i64(magnitude);
+}
+
+// a + b, held at the limits of i64.
+i64 SaturatingAdd(i64 a, i64 b) {
+    i64 sum;
+    if (__builtin_add_overflow(a, b, &sum)) {
+        return b > 0 ? INT64_MAX : INT64_MIN;
+    }
+    return sum;
+}
+
+const char* Utf8(const wxString& text, wxScopedCharBuffer& keep) {
+    keep = text.utf8_str();
+    return keep.data();
+}
+
+}  // namespace
+
+bool LogData::GetLogData(int role, i64 startTime, i64 endTime, const wxString& uuid,
+                         LogLineSink* sink) {
+    DrainQueue(750);
+    u32 lifetimeMsec;
+    {
+        wxCriticalSectionLocker lock(m_CacheLock);
+        lifetimeMsec = m_CacheLifetimeMsec;
+    }
+    wxCriticalSectionLocker lock(m_ReadLock);
+    NORV_TRACE(L"vexil", wxString::Format("GetLogData(%llu, %llu, %.128s) for %.32s",
+                                          (unsigned long long)startTime,
+                                          (unsigned long long)endTime, uuid, m_LogName));
+    if (role < kRolePacket || role > kRoleCapture) {
+        role = kRolePacket;
+    }
+    const i64 margin = i64((lifetimeMsec + 500) / 1000);
+    ReadBackSpan span;
+    span.role = role;
+    span.roleCharacter = role == kRolePacket ? 'f' : 'd';
+    span.startTime = startTime;
+    span.endTime = endTime;
+    span.lateLimit = SaturatingAdd(startTime, -margin);
+    span.endLimit = SaturatingAdd(endTime, margin);
+
+    wxArrayString files;
+    if (ListLogFiles(m_LogFileName, files) == size_t(-1)) {
+        const int error = errno;
+        wxScopedCharBuffer text;
+        m_Dom->DoAgentEventWrite(3300, L"%.128s", Utf8(NorvCore::ErrnoToString(error), text));
+        return false;
+    }
+    // Oldest copy first, the live file last.
+    for (size_t i = files.GetCount(); i-- > 0;) {
+        const wxString& path = files[i];
+        const bool primary = wxFileName(path).GetFullName() == m_LogFileName;
+        NORV_TRACE(L"vexil", wxString::Format("GetLogData() - Looking at file %.128s", path));
+        if (primary) {
+            NORV_TRACE(L"vexil", "GetLogData() - File is primary");
+        }
+        if (!ReadBackFile(path, primary, span, sink)) {
+            return true;
+        }
+    }
+    return true;
+}
+
+bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpan& span,
+                           LogLineSink* sink) {
+    const wxScopedCharBuffer fileName = path.fn_str();
+    if (span.startTime != 0) {
+        struct stat status;
+        if (::stat(fileName, &status) != 0) {
+            wxLogSysError("Failed to retrieve file times for '%s'", path);
+            return true;
+        }
+        if (span.startTime > i64(status.st_mtime)) {
+            NORV_TRACE(L"vexil", wxString::Format("GetLogData() - Skipping all of file %s since "
+                                                  "it's older than we want",
+                                                  path));
+            return true;
+        }
+    }
+    const int fd = ::open(fileName, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        wxScopedCharBuffer name, text;
+        m_Dom->DoAgentEventWrite(3001, L"%.64s|%.128s", Utf8(path, name),
+                                 Utf8(NorvCore::ErrnoToString(error), text));
+        return true;
+    }
+    CFdCloser closer(fd);
+    CLinePieceReader reader(fd);
+
+    // The read position only matters in the live file. It is read once and
+    // stored once, when the file is done: nothing but this scan (under
+    // m_ReadLock) and a rotation move it, and a rotation is not ordered
+    // against a scan in any case.
+    const char* const key = m_LastLineKeys[span.role];
+    i64 storedPosition = 0;
+    if (primary && !m_Dom->Get(key, storedPosition)) {
+        storedPosition = 0;
+    }
+    u64 position = u64(storedPosition);
+    bool positionMoved = false;
+    auto storePosition = [&] {
+        if (positionMoved) {
+            m_Dom->Set(key, i64(position));
+        }
+    };
+
+    char saved[kLineBufferSize];
+    bool firstLine = true;
+    const char* piece;
+    size_t length;
+    for (u64 lineNumber = 0; reader.Next(piece, length); ++lineNumber, firstLine = false) {
+        // Note the third and the last comma up to the first byte that is
+        // not printable.
+        size_t thirdComma = 0, lastComma = 0, commas = 0;
+        size_t scanned = 0;
+        for (; scanned < length; ++scanned) {
+            const unsigned char c = static_cast<unsigned char>(piece[scanned]);
+            if (c < 0x20 || c > 0x7E) {
+                break;
+            }
+            if (c == ',') {
+                if (++commas == 3) {
+                    thirdComma = scanned;
+                }
+                lastComma = scanned;
+            }
+        }
+        size_t lineLength = length;
+        if (scanned < length) {
+            const char stop = piece[scanned];
+            if (stop == '\r' || stop == '\n') {
+                lineLength = scanned;
+            } else {
+                if (path != m_LastBadFile) {
+                    wxLogWarning(
+                        "!6001!Non-printable data encountered in log file '%.256s'. The "
+                        "file may be corrupt, and if so, it should be deleted.",
+                        path);
+                    m_LastBadFile = path;
+                }
+                if (piece[length - 1] == '\n') {
+                    continue;
+                }
+                // The rest of the line is skipped; when the file ends first,
+                // what was read is examined all the same.
+                std::memcpy(saved, piece, length);
+                piece = saved;
+                if (reader.SkipPastLineFeed()) {
+                    continue;
+                }
+            }
+        }
+        if (lineLength == 0 || commas < 3 || thirdComma == 0 ||
+            piece[thirdComma - 1] != span.roleCharacter) {
+            continue;
+        }
+
+        // Column 31, the first time in microseconds, is the line's only
+        // time; a line without it is left out.
+        const i64 firstTimeUsec = ReadDecimal(piece, lastComma + 2, lineLength);
+        if (firstTimeUsec == 0) {
+            continue;
+        }
+        const i64 time = firstTimeUsec / 1000000;
+        if (time == -1) {
+            continue;
+        }
+
+        if (span.endTime != 0 && firstLine && time > span.endLimit) {
+            NORV_TRACE(L"vexil", wxString::Format("GetLogData() - Skipping all of file %.128s "
+                                                  "since it's newer than we want.",
+                                                  path));
+            break;
+        }
+        if (span.startTime != 0 && time < span.startTime) {
+            // A late line: delivered only from the live file, only past the
+            // read position, and only within the margin.
+            if (!primary || !(position < lineNumber) || time < span.lateLimit) {
+                continue;
+            }
+        }
+        if (span.endTime != 0 && time > span.endLimit) {
+            NORV_TRACE(L"vexil", wxString::Format("GetLogData() - Skipping rest of file %.128s "
+                                                  "since the timestamps are newer than we want.",
+                                                  path));
+            break;
+        }
+        if (span.endTime != 0 && time > span.endTime) {
+            continue;
+        }
+
+        if (primary && position < lineNumber) {
+            position = lineNumber;
+            positionMoved = true;
+        }
+        if (sink == nullptr) {
+            storePosition();
+            return false;
+        }
+        if (lineLength > kDateTimeLength) {
+            sink->AddLine(time, piece + kDateTimeLength, lineLength - kDateTimeLength);
+        } else {
+            sink->AddLine(time, piece, 0);
+        }
+    }
+    storePosition();
+    return true;
+}
+
+}  // namespace VEXIL

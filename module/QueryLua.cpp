@@ -1,0 +1,118 @@
+// The raw script functions of vexil::LogData that answer queries. They read
+// their arguments by stack position, hand over to the log object, and push
+// one string. Failures inside the pipeline give an empty string, never nil
+// and never a Lua error; only a wrong object at position 1 is an argument
+// error.
+#include "module/QueryLua.h"
+
+#include <ctime>
+
+#include <wx/sstream.h>
+
+#include "host/Trace.h"
+#include "log/LogLineSink.h"
+#include "log/RecordCopy.h"
+#include "module/EntrySupport.h"
+
+using VEXIL::BytesArgument;
+using VEXIL::DriverLogEntry;
+using VEXIL::LogData;
+using VEXIL::LogDataArgument;
+using VEXIL::LogLineSink;
+using VEXIL::LogRecordEntry;
+using VEXIL::RecordCopy;
+using VEXIL::WithConfig;
+
+namespace {
+
+// The log role of a script's role number: 1 and 2 stand for themselves,
+// anything else is the packet log.
+int RoleOf(i32 role) {
+    switch (role) {
+        case 1:
+            return VEXIL::kRolePayload;
+        case 2:
+            return VEXIL::kRoleCapture;
+        default:
+            return VEXIL::kRolePacket;
+    }
+}
+
+void PushBytes(lua_State* L, const char* bytes, size_t length) {
+    lua_pushlstring(L, length != 0 ? bytes : "", length);
+}
+
+}  // namespace
+
+int GetLogDataLua(lua_State* L) {
+    NORV_TRACE(L"vexil", "GetLogData called!");
+    LogData* log = LogDataArgument(L);
+    if (log == nullptr) {
+        return luaL_argerror(L, 1, "LogData object expected");
+    }
+    const i64 startTime = lua_tointegerx(L, 2, nullptr);
+    const i64 endTime = lua_tointegerx(L, 3, nullptr);
+    const i32 roleArgument = i32(lua_tointegerx(L, 4, nullptr));
+    const i64 maxLines = lua_tointegerx(L, 5, nullptr);
+    return SLB::detail::Protect(L, [&] {
+        const wxString uuid = log->GetDom().GetWxString("uuid");
+        LogLineSink sink(LogLineSink::CapLineCount(maxLines));
+        log->GetLogData(RoleOf(roleArgument), startTime, endTime < 0 ? 0 : endTime, uuid, &sink);
+
+        // The lines are read back as UTF-8 text, one line feed after each.
+        wxString text;
+        {
+            wxStringOutputStream stream(&text, wxConvUTF8);
+            for (const LogRecordEntry& entry : sink.Records()) {
+                stream.Write(entry.line.data(), entry.line.size());
+                stream.Write("\n", 1);
+            }
+        }
+        const wxScopedCharBuffer utf8 = text.utf8_str();
+
+        char startText[1024] = {};
+        const time_t start = time_t(startTime);
+        struct tm local;
+        if (localtime_r(&start, &local) != nullptr) {
+            asctime_r(&local, startText);
+        }
+        NORV_TRACE(L"vexil", wxString::Format("GetLogData(%s) returning %d bytes for %s driver "
+                                              "requested start time = %s",
+                                              uuid, int(utf8.length()),
+                                              roleArgument == 0 ? "fw" : "dpi", startText));
+        PushBytes(L, utf8.data(), utf8.length());
+        return 1;
+    });
+}
+
+int SyslogFormatLua(lua_State* L) {
+    LogData* log = LogDataArgument(L);
+    NORV_TRACE(L"vexil", "SysLogFormat called!");
+    if (log == nullptr) {
+        return luaL_argerror(L, 1, "LogData object expected");
+    }
+    size_t recordLength, dataLength;
+    const char* record = BytesArgument(L, 2, recordLength);
+    const char* data = BytesArgument(L, 3, dataLength);
+    return SLB::detail::Protect(L, [&] {
+        std::string text;
+        {
+            RecordCopy copy;
+            // A record shorter than its fixed part, or a block that does not
+            // fit the working copy, is refused, never read past.
+            if (record != nullptr && recordLength >= DriverLogEntry::kSize &&
+                copy.Fill(record, data, dataLength)) {
+                WithConfig(L, log, 4, "SyslogFormat()",
+                           [&] { return log->SyslogFormat(copy.Entry(), text); });
+            } else {
+                NORV_TRACE(L"vexil",
+                           wxString::Format("SyslogFormat() - refused a record of %u bytes with "
+                                            "%u bytes of data",
+                                            unsigned(recordLength), unsigned(dataLength)));
+            }
+        }
+        // The message ends at its first zero byte, as a C string does.
+        lua_pushstring(L, text.c_str());
+        return 1;
+    });
+}

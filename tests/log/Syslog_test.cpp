@@ -1,0 +1,33 @@
+// SyslogFormat called directly, on the path that the script entry cannot
+// reach: no configuration table at all.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "host/Dom.h"
+#include "host/Trace.h"
+#include "log/LogData.h"
+#include "log/RecordCopy.h"
+
+namespace {
+
+TEST(SyslogFormat, NothingIsMadeWithoutConfiguration) {
+    u8 record[VEXIL::DriverLogEntry::kSize] = {};
+    record[38] = 0x10;  // IPv4
+    VEXIL::RecordCopy copy;
+    ASSERT_TRUE(copy.Fill(record, nullptr, 0));
+    NorvCore::CDom dom(":memory:");
+    VEXIL::LogData log(dom);
+    NorvCore::SetTraceCategories("vexil");
+    NorvCore::TakeTraceLines();
+
+    std::string result = "untouched";
+    EXPECT_FALSE(log.SyslogFormat(copy.Entry(), result));
+    EXPECT_EQ("untouched", result);
+    const auto lines = NorvCore::TakeTraceLines();
+    NorvCore::SetTraceCategories("");
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_NE(std::string::npos, lines[0].find("Cannot do SyslogFormat when ConfigUtils is NULL"));
+}
+
+}  // namespace
