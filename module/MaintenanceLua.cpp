@@ -4,9 +4,6 @@
 // blocked (to spare the host's own interfaces). Runs on the Lua thread.
 #include "module/MaintenanceLua.h"
 
-#include <exception>
-
-#include "host/Trace.h"
 #include "module/EntrySupport.h"
 
 using VEXIL::LogData;
@@ -22,14 +19,7 @@ int CacheMaintenanceLua(lua_State* L) {
         return luaL_argerror(L, 2, "lua table expected");
     }
     const bool result = WithConfig(L, log, 2, "CacheMaintenance()", [log]() {
-        // No exception may cross into Lua: a failed allocation ends this
-        // pass, and the next call starts afresh.
-        try {
-            return log->CacheMaintenance(log->GetConfigUtils());
-        } catch (const std::exception& error) {
-            NORV_TRACE(L"vexil", wxString::Format("CacheMaintenance failed: %.128s", error.what()));
-            return false;
-        }
+        return log->CacheMaintenance(log->GetConfigUtils());
     });
     lua_pushboolean(L, result);
     return 1;

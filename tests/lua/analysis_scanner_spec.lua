@@ -188,6 +188,35 @@ describe("scanner scoring", function()
     assert.are.same({ "16.000000", "64.000000" }, ratios(SCANNER))
   end)
 
+  it("leaves a ratio exactly at the ceiling or at the floor in place", function()
+    fixture:finish()
+    -- Two suspect bins reach 16.000000000000007; two clean bins from the
+    -- first suspect bin reach 0.25000000000000006.
+    fixture = analysis.fixture({
+      ["norvp.vexil.analysis.ScanLikelihoodRatioCeiling"] = "16.000000000000007",
+      ["norvp.vexil.analysis.ScanLikelihoodRatioFloor"] = "0.25000000000000006",
+    })
+    local config = scanning()
+    for bin = 1, 2 do
+      touch(fixture, config, SCANNER, { "198.51.100.2" }, range(100 * bin, 4))
+      fixture:close_bin(config)
+    end
+    assert.are.same({}, fixture:events())
+    touch(fixture, config, SCANNER, { "198.51.100.2" }, range(300, 4))
+    fixture:close_bin(config)
+    assert.are.same({ "7001 HostOrPortScan|192.0.2.7|6|0|1|12" }, fixture:events())
+
+    touch(fixture, config, "203.0.113.1", { "198.51.100.2" }, range(1, 4))
+    fixture:close_bin(config)
+    fixture:close_bin(config)
+    fixture:close_bin(config)
+    local messages = analysis.scan_traces()
+    assert.are.same({ "1.000000", "0.250000" }, ratios("203.0.113.1", messages))
+    assert.are.same({}, removals(messages))
+    fixture:close_bin(config)
+    assert.are.equal(1, #removals(analysis.scan_traces()))
+  end)
+
   it("does not test the ceiling when a candidate is made", function()
     fixture:finish()
     fixture = analysis.fixture({ ["norvp.vexil.analysis.ScanLikelihoodRatioCeiling"] = "3.5" })
