@@ -175,6 +175,28 @@ i64 SaturatingAdd(i64 a, i64 b) {
     return sum;
 }
 
+// Opens a file of the family for reading, shared with the writer. It never
+// waits: a FIFO or a device that has found its way into the family is refused
+// (EINVAL) rather than waited on or read without end. -1 with the error number
+// in error on failure.
+int OpenForReading(const char* name, int& error) {
+    const int fd = ::open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        error = errno;
+        return -1;
+    }
+    struct stat status;
+    if (::fstat(fd, &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = EINVAL;
+    } else {
+        return fd;
+    }
+    ::close(fd);
+    return -1;
+}
+
 const char* Utf8(const wxString& text, wxScopedCharBuffer& keep) {
     keep = text.utf8_str();
     return keep.data();
@@ -244,9 +266,9 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
             return true;
         }
     }
-    const int fd = ::open(fileName, O_RDONLY | O_CLOEXEC);
+    int error = 0;
+    const int fd = OpenForReading(fileName, error);
     if (fd < 0) {
-        const int error = errno;
         wxScopedCharBuffer name, text;
         m_Dom->DoAgentEventWrite(3001, L"%.64s|%.128s", Utf8(path, name),
                                  Utf8(NorvCore::ErrnoToString(error), text));

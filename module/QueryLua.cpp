@@ -7,7 +7,7 @@
 
 #include <ctime>
 
-#include <wx/sstream.h>
+#include <wx/strconv.h>
 
 #include "host/Trace.h"
 #include "log/LogLineSink.h"
@@ -60,13 +60,17 @@ int GetLogDataLua(lua_State* L) {
         log->GetLogData(RoleOf(roleArgument), startTime, endTime < 0 ? 0 : endTime, uuid, &sink);
 
         // The lines are read back as UTF-8 text, one line feed after each.
+        // Each line is decoded on its own: one whose bytes are no UTF-8 (the
+        // unterminated tail of a damaged file) is taken byte for byte as
+        // Latin-1, so that it cannot swallow the lines behind it.
         wxString text;
-        {
-            wxStringOutputStream stream(&text, wxConvUTF8);
-            for (const LogRecordEntry& entry : sink.Records()) {
-                stream.Write(entry.line.data(), entry.line.size());
-                stream.Write("\n", 1);
+        for (const LogRecordEntry& entry : sink.Records()) {
+            wxString line = wxString::FromUTF8(entry.line.data(), entry.line.size());
+            if (line.empty() && !entry.line.empty()) {
+                line = wxString(entry.line.data(), wxConvISO8859_1, entry.line.size());
             }
+            text += line;
+            text += '\n';
         }
         const wxScopedCharBuffer utf8 = text.utf8_str();
 

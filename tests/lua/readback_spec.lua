@@ -220,6 +220,35 @@ describe("log:GetLogData", function()
     assert.are.equal(1, #norv.OperatorLog())
   end)
 
+  it("lets a final line that is no UTF-8 hold back none of the lines behind it", function()
+    local final = line("f", T0 + 1, 2) .. "\255x"
+    writeFile(folder .. "/norv_mpnp.1", { line("f", T0, 1), final }, false)
+    family { norv_mpnp = { line("f", T0 + 2, 3) } }
+    -- The stray byte comes back as the character of the same number.
+    assert.are.equal(delivered(line("f", T0, 1), final:gsub("\255", "\195\191"),
+                               line("f", T0 + 2, 3)),
+                     log:GetLogData(0, 0, 0, 100))
+  end)
+
+  it("reads past a FIFO in the family instead of waiting on it", function()
+    family { norv_mpnp = { line("f", T0, 1) } }
+    os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
+    local chunk = [[
+      require "norv"; require "vexil"
+      local dom = SLB.norv.Dom(":memory:")
+      local log = SLB.vexil.LogData(dom)
+      log:SetLogFilePath("%s")
+      io.write("[" .. log:GetLogData(0, 0, 0, 100) .. "]")
+      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
+    ]]
+    local pipe = io.popen(string.format("timeout 10 lua5.2 -e %q 2>/dev/null",
+                                        string.format(chunk, folder)))
+    local output = pipe:read("*a")
+    pipe:close()
+    assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
+                     "/norv_mpnp.1|Invalid argument", output)
+  end)
+
   it("reports a family that cannot be listed, or a file that cannot be read", function()
     log:SetLogFilePath(folder .. "/missing")
     assert.are.equal("", log:GetLogData(0, 0, 0, 100))
