@@ -140,7 +140,9 @@ void LogData::ParseIgnoreTcpFlags(const std::string& text) {
         if (!tokens.GetNextToken().ToLong(&value, 0)) {
             continue;
         }
-        if (u32(value) > 255) {
+        // long has 64 bits here: a value is tested as it stands, so that one
+        // beyond 32 bits cannot wrap into a flag byte.
+        if (value < 0 || value > 255) {
             wxLogWarning("IgnoreTcpFlags value %ld is out of range - ignoring it.", value);
             continue;
         }
@@ -163,21 +165,38 @@ bool LogData::InitializeLogFile() {
         return true;
     }
     // The toolkit's own error lines are not wanted: failures become events.
-    wxLogNull quiet;
-    if (!wxFileName::DirExists(m_LogFilePath)) {
-        if (!wxFileName::Mkdir(m_LogFilePath, 0755, wxPATH_MKDIR_FULL)) {
+    // Only the toolkit's calls are silenced, so that the events and the
+    // warnings of SecureFileOrDirectory still reach the operator log.
+    // An empty folder (no base folder was found) is no folder to make: the
+    // opening below fails and says so.
+    if (!m_LogFilePath.empty() && !wxFileName::DirExists(m_LogFilePath)) {
+        bool made;
+        {
+            wxLogNull quiet;
+            made = wxFileName::Mkdir(m_LogFilePath, 0755, wxPATH_MKDIR_FULL);
+        }
+        if (!made) {
             m_Dom->DoAgentEventWrite(6003, L"%.128s",
                                      static_cast<const char*>(m_LogFilePath.utf8_str()));
             return false;
         }
         NorvCore::SecureFileOrDirectory(m_LogFilePath, false);
     }
-    if (!m_LogFile.Open(m_LogFileFullPath, wxFile::write_append, wxS_IRUSR | wxS_IWUSR)) {
+    bool opened;
+    wxFileOffset length = wxInvalidOffset;
+    {
+        wxLogNull quiet;
+        opened = m_LogFile.Open(m_LogFileFullPath, wxFile::write_append, wxS_IRUSR | wxS_IWUSR);
+        if (opened) {
+            length = m_LogFile.Length();
+        }
+    }
+    if (!opened) {
         m_Dom->DoAgentEventWrite(6001, L"%.128s",
                                  static_cast<const char*>(m_LogFileFullPath.utf8_str()));
         return false;
     }
-    if (m_LogFile.Length() == 0) {
+    if (length == 0) {
         NorvCore::SecureFileOrDirectory(m_LogFileFullPath, false);
     }
     return true;

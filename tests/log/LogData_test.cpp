@@ -75,6 +75,21 @@ TEST(LogDataSettings, IgnoreTcpFlagsTokensAndRange) {
               lines[1].find("IgnoreTcpFlags value -1 is out of range - ignoring it."));
 }
 
+TEST(LogDataSettings, IgnoreTcpFlagsBeyondThirtyTwoBitsAreOutOfRange) {
+    // Values that would wrap into a flag byte when cut to 32 bits.
+    CDom dom(":memory:");
+    dom.Set("norvp.vexil.analysis.IgnoreTcpFlags",
+            std::string("4294967296 -4294967295 0x100000012"));
+    NorvCore::TakeOperatorLogLines();
+    LogData log(dom);
+    EXPECT_TRUE(log.GetIgnoreTcpFlags().empty());
+    const auto lines = NorvCore::TakeOperatorLogLines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("Warning: IgnoreTcpFlags value 4294967296 is out of range - ignoring it.", lines[0]);
+    EXPECT_EQ("Warning: IgnoreTcpFlags value -4294967295 is out of range - ignoring it.", lines[1]);
+    EXPECT_EQ("Warning: IgnoreTcpFlags value 4294967314 is out of range - ignoring it.", lines[2]);
+}
+
 TEST(LogDataSettings, BadBaseFolderLeavesNamesEmpty) {
     CDom dom(":memory:");
     dom.Set("norv.baseFolder", std::string("relative/folder"));
@@ -88,8 +103,12 @@ TEST(LogDataSettings, BadBaseFolderLeavesNamesEmpty) {
     EXPECT_NE(std::string::npos,
               lines[0].find("CLoggerThread(): Error 0x16 from SHGetFolderPath() getting System "
                             "folder."));
-    // Opening then fails with the event for the (empty) full path.
+    // Opening then fails with the event for the (empty) full path, and
+    // nothing else is tried on the disk.
     EXPECT_FALSE(log.InitializeLogFile());
+    EXPECT_EQ(std::vector<int>{6001}, EventNumbers(dom));
+    EXPECT_EQ(std::vector<std::string>{"Warning: Agent event 6001: "},
+              NorvCore::TakeOperatorLogLines());
 }
 
 TEST(LogDataNames, PathAndNameInEitherOrder) {
@@ -127,9 +146,14 @@ TEST(LogDataFile, FolderThatCannotBeMadeGivesEvent6003) {
     CDom dom(":memory:");
     LogData log(dom);
     log.SetLogFilePath(temp.Path() + "/plain/sub");
+    NorvCore::TakeOperatorLogLines();
     EXPECT_FALSE(log.InitializeLogFile());
     ASSERT_EQ(std::vector<int>{6003}, EventNumbers(dom));
     EXPECT_EQ(temp.Path() + "/plain/sub", dom.AgentEvents()[0].detail);
+    // The event reaches the operator log as every event does; the toolkit's
+    // own error line does not.
+    EXPECT_EQ(std::vector<std::string>{"Warning: Agent event 6003: " + temp.Path() + "/plain/sub"},
+              NorvCore::TakeOperatorLogLines());
 }
 
 TEST(LogDataFile, FileThatCannotBeOpenedGivesEvent6001) {
@@ -139,9 +163,12 @@ TEST(LogDataFile, FileThatCannotBeOpenedGivesEvent6001) {
     log.SetLogFilePath(temp.Path());
     log.SetLogFileName("adir");
     wxFileName::Mkdir(temp.Path() + "/adir");
+    NorvCore::TakeOperatorLogLines();
     EXPECT_FALSE(log.InitializeLogFile());
     ASSERT_EQ(std::vector<int>{6001}, EventNumbers(dom));
     EXPECT_EQ(temp.Path() + "/adir", dom.AgentEvents()[0].detail);
+    EXPECT_EQ(std::vector<std::string>{"Warning: Agent event 6001: " + temp.Path() + "/adir"},
+              NorvCore::TakeOperatorLogLines());
 }
 
 TEST(LogDataFile, ExistingFileKeepsItsModeAndContent) {
