@@ -95,6 +95,10 @@ bool IsPassphraseError(unsigned long error) {
 // stays the reason, whatever later errors say.
 class CLoadFailure {
 public:
+    // function: the signature of the loading function, which the per-error
+    // trace lines name as theirs.
+    explicit CLoadFailure(const char* function) : m_Function(function) {}
+
     void Set(CRSAKey::FailureReason reason) {
         if (m_Reason != CRSAKey::IncorrectPassphrase) {
             m_Reason = reason;
@@ -119,8 +123,10 @@ public:
             if (trace) {
                 char text[256];
                 ERR_error_string_n(error, text, sizeof text);
-                NORV_TRACE(kKeyTrace, wxString::Format("CRSAOpenSSLKey::Create() - %s: %.128s",
-                                                       step, wxString::FromUTF8(text)));
+                NorvCore::LogTrace(kKeyTrace, NorvCore::ShortFileName(__FILE__), __LINE__,
+                                   m_Function,
+                                   wxString::Format("CRSAOpenSSLKey::Create() - %s: %.128s", step,
+                                                    wxString::FromUTF8(text)));
             }
             if (passphraseErrors && IsPassphraseError(error)) {
                 Set(CRSAKey::IncorrectPassphrase);
@@ -129,6 +135,7 @@ public:
     }
 
 private:
+    const char* const m_Function;
     bool m_Failed = false;
     CRSAKey::FailureReason m_Reason = CRSAKey::UnableToLoadCredentials;
 };
@@ -264,7 +271,7 @@ CRSAKey* CRSAOpenSSLKey::Create(bool isPkcs12, const wxString& identifier,
     pem_password_cb* const callback = hasPassword ? nullptr : NoPassphrase;
     void* const callbackData = hasPassword ? static_cast<void*>(password.data()) : nullptr;
 
-    CLoadFailure result;
+    CLoadFailure result(__PRETTY_FUNCTION__);
     const wxScopedCharBuffer blob = credentialBlob.utf8_str();
     std::unique_ptr<BIO, BioFree> bio(OpenInput(isPkcs12, identifier, blob, result));
     std::unique_ptr<EVP_PKEY, KeyFree> key;

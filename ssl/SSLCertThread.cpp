@@ -182,6 +182,7 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
         return !m_Dom.ShouldExit(0, nullptr);
     }
     unsigned added = 0;
+    bool answered = false;
     size_t queueSize = 0;
     try {
         // The item: the header, then the data at once. It is never empty, so
@@ -197,12 +198,16 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
             m_WorkQueue.push_back(std::move(item));
             added = 1;
         } else {
+            answered = true;
             SendSSLCertResponse(handle, header, nullptr, 0);
             wxLogError("CSSLCertThread::ProcessDriverData() - SSL decryption queue size exceeded.");
         }
         queueSize = m_WorkQueue.size();
     } catch (const std::bad_alloc&) {
-        SendSSLCertResponse(handle, header, nullptr, 0);
+        // A request is answered once: a refusal already sent stands.
+        if (!answered) {
+            SendSSLCertResponse(handle, header, nullptr, 0);
+        }
         wxLogError("CSSLCertThread::ProcessDriverData() - out of memory for the request.");
     }
     if (added != 0) {

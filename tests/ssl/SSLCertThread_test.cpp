@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <wx/log.h>
 #include <wx/thread.h>
 
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -120,6 +122,33 @@ TEST_F(SSLCertThreadTest, ProcessDriverDataChecksLengthsAndRefusesWhenTheQueueIs
     const std::vector<std::string> lines = NorvCore::TakeTraceLines();
     EXPECT_EQ(1u, CountContaining(lines, "Added 0 items to the queue.  Queue size is currently 0"));
     EXPECT_EQ(0u, CountContaining(lines, "Managing"));
+}
+
+// A log target that runs out of memory on its first error line, as logging
+// can when the process is short of memory.
+class CExhaustedLog : public wxLog {
+protected:
+    void DoLogRecord(wxLogLevel level, const wxString&, const wxLogRecordInfo&) override {
+        if (level <= wxLOG_Error && !m_Thrown) {
+            m_Thrown = true;
+            throw std::bad_alloc();
+        }
+    }
+
+private:
+    bool m_Thrown = false;
+};
+
+TEST_F(SSLCertThreadTest, RefusedRequestIsAnsweredOnceEvenWhenMemoryRunsOut) {
+    m_Dom.Set("norvp.vexil.SSL.QueueSizeMax", i64(0));
+    CSSLCertThread thread(m_Dom);
+    CExhaustedLog exhausted;
+    wxLog* const previous = wxLog::SetActiveTarget(&exhausted);
+    Process(thread, Header(4, 1, 3, 1, 0x5151), "abcd");
+    wxLog::SetActiveTarget(previous);
+    const std::vector<Response> responses = ssltest::TakeResponses();
+    ASSERT_EQ(1u, responses.size());
+    EXPECT_EQ(0x5151u, responses[0].Tag());
 }
 
 TEST_F(SSLCertThreadTest, QueueHoldsUpToItsLimitAndNothingQueuedIsAnsweredAfterTheExit) {
