@@ -181,8 +181,14 @@ void norvi_close(norvi_handle_t handle) {
 int norvi_get_error(norvi_handle_t handle, char* buffer, size_t size) {
     const CNorviLoader& loader = CNorviLoader::Loaded();
     if (loader.Available()) {
-        return loader.Entry<int (*)(norvi_handle_t, char*, size_t)>(NorvCore::kGetError)(
-            handle, buffer, size);
+        const int result = loader.Entry<int (*)(norvi_handle_t, char*, size_t)>(
+            NorvCore::kGetError)(handle, buffer, size);
+        // Callers print the text: it ends inside the buffer, whatever the
+        // library wrote.
+        if (buffer != nullptr && size > 0) {
+            buffer[size - 1] = '\0';
+        }
+        return result;
     }
     if (buffer == nullptr || size == 0) {
         return EINVAL;
