@@ -50,15 +50,21 @@ ssize_t ScriptedWrite(int fd, const void* bytes, size_t length) {
 }
 
 std::string Content(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
     std::stringstream text;
-    text << file.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
 bool Exists(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0;
+    return access(path.c_str(), F_OK) == 0;
+}
+
+std::vector<int> EventNumbers(const NorvCore::CDom& dom) {
+    std::vector<int> numbers;
+    for (const auto& event : dom.AgentEvents()) {
+        numbers.push_back(event.number);
+    }
+    return numbers;
 }
 
 class StoreFaults : public ::testing::Test {
@@ -71,20 +77,8 @@ protected:
         ASSERT_TRUE(m_Log.InitializeLogFile());
         NorvCore::TakeOperatorLogLines();
     }
-    void Copies(int count) {
-        for (int n = 1; n <= count; ++n) {
-            std::ofstream(Path("." + std::to_string(n))) << n;
-        }
-    }
     std::string Path(const std::string& suffix = "") const {
         return m_Temp.Path() + "/norv_mpnp" + suffix;
-    }
-    std::vector<int> Events() const {
-        std::vector<int> numbers;
-        for (const auto& event : m_Dom.AgentEvents()) {
-            numbers.push_back(event.number);
-        }
-        return numbers;
     }
     bool Write(const std::string& text) { return m_Log.WriteRawData(text.size(), text.data()); }
 
@@ -104,64 +98,63 @@ TEST_F(StoreFaults, PartialWritesAndInterruptionsStillWriteEverything) {
 }
 
 TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
-    Copies(3);
+    for (const char* copy : {".1", ".2", ".3"}) {
+        std::ofstream(Path(copy)) << copy;
+    }
     g_Steps = {{ENOSPC, 0}};
     EXPECT_TRUE(Write("line one\r\n"));
     EXPECT_FALSE(Exists(Path(".3")));
     EXPECT_TRUE(Exists(Path(".2")));
-    ASSERT_EQ(std::vector<int>{6009}, Events());
+    ASSERT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
     EXPECT_EQ("", m_Dom.AgentEvents()[0].detail);
     const auto lines = NorvCore::TakeOperatorLogLines();
     ASSERT_FALSE(lines.empty());
-    EXPECT_NE(std::string::npos, lines[0].find("Out of space on the log file disk. Trying to make "
-                                               "room by deleting old log files."));
+    EXPECT_EQ(
+        "Warning: Out of space on the log file disk. Trying to make room by deleting old "
+        "log files.",
+        lines[0]);
 
     // The complete write cleared the latch: a new shortage reports again.
     // Progress between two shortages allows a second deletion.
     g_Steps = {{ENOSPC, 0}, {0, 2}, {ENOSPC, 0}};
     EXPECT_TRUE(Write("line two\r\n"));
-    EXPECT_FALSE(Exists(Path(".2")));
-    EXPECT_FALSE(Exists(Path(".1")));
-    EXPECT_EQ((std::vector<int>{6009, 6009}), Events());
+    EXPECT_FALSE(Exists(Path(".2")) || Exists(Path(".1")));
+    EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(m_Dom));
     EXPECT_EQ("line one\r\nline two\r\n", Content(Path()));
 }
 
 TEST_F(StoreFaults, SecondShortageWithoutProgressFailsAndClosesTheFile) {
     std::ofstream(Path(".bak")) << "stray";
-    g_Steps = {{ENOSPC, 0}, {ENOSPC, 0}};
-    EXPECT_FALSE(Write("lost\r\n"));
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        g_Descriptors.clear();
+        g_Steps = {{ENOSPC, 0}, {ENOSPC, 0}};
+        EXPECT_FALSE(Write("lost\r\n"));
+        // The second attempt meets a closed file, and the latch still holds.
+        EXPECT_EQ(attempt > 0, g_Descriptors.at(0) < 0);
+        EXPECT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
+    }
     EXPECT_TRUE(Exists(Path(".bak")));
-    EXPECT_EQ(std::vector<int>{6009}, Events());
-
-    // Closed: the next write meets no descriptor, and the latch still holds.
-    g_Descriptors.clear();
-    g_Steps = {{ENOSPC, 0}, {ENOSPC, 0}};
-    EXPECT_FALSE(Write("lost\r\n"));
-    ASSERT_FALSE(g_Descriptors.empty());
-    EXPECT_EQ(-1, g_Descriptors[0]);
-    EXPECT_EQ(std::vector<int>{6009}, Events());
-
     // A complete write clears it.
     ASSERT_TRUE(m_Log.InitializeLogFile());
     EXPECT_TRUE(Write("kept\r\n"));
     g_Steps = {{ENOSPC, 0}, {ENOSPC, 0}};
     EXPECT_FALSE(Write("lost\r\n"));
-    EXPECT_EQ((std::vector<int>{6009, 6009}), Events());
+    EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(m_Dom));
     EXPECT_EQ("kept\r\n", Content(Path()));
 }
 
-TEST_F(StoreFaults, OtherErrorsGiveEvent6002WithThePath) {
+TEST_F(StoreFaults, OtherErrorsAndAFamilyThatCannotBeListedGive6002) {
     g_Steps = {{EINTR, 0}, {EIO, 0}};
     EXPECT_FALSE(Write("lost\r\n"));
-    ASSERT_EQ(std::vector<int>{6002}, Events());
+    ASSERT_EQ(std::vector<int>{6002}, EventNumbers(m_Dom));
     EXPECT_EQ(Path(), m_Dom.AgentEvents()[0].detail);
-}
 
-TEST_F(StoreFaults, FamilyThatCannotBeListedDuringShortageGives6002) {
+    m_Dom.ClearAgentEvents();
+    ASSERT_TRUE(m_Log.InitializeLogFile());
     ASSERT_TRUE(wxFileName::Rmdir(m_Temp.Path(), wxPATH_RMDIR_RECURSIVE));
     g_Steps = {{ENOSPC, 0}};
     EXPECT_FALSE(Write("lost\r\n"));
-    EXPECT_EQ((std::vector<int>{6009, 6005, 3300, 6002}), Events());
+    EXPECT_EQ((std::vector<int>{6009, 6005, 3300, 6002}), EventNumbers(m_Dom));
     EXPECT_EQ("No such file or directory", m_Dom.AgentEvents()[2].detail);
 }
 
@@ -190,22 +183,16 @@ TEST(StoreDisk, FullTmpfsMakesRoomAndThenFails) {
     LogData log(dom);
     log.SetLogFilePath(disk);
     ASSERT_TRUE(log.InitializeLogFile());
-
     const std::string first(36 * 1024, 'a');
     EXPECT_TRUE(log.WriteRawData(first.size(), first.data()));
     EXPECT_FALSE(Exists(path + ".2"));
     EXPECT_TRUE(Exists(path + ".1"));
-    EXPECT_EQ(first.size(), Content(path).size());
-
+    EXPECT_EQ(first, Content(path));
     const std::string second(32 * 1024, 'b');
     EXPECT_FALSE(log.WriteRawData(second.size(), second.data()));
     EXPECT_FALSE(Exists(path + ".1"));
     EXPECT_TRUE(Exists(path));
-    std::vector<int> numbers;
-    for (const auto& event : dom.AgentEvents()) {
-        numbers.push_back(event.number);
-    }
-    EXPECT_EQ((std::vector<int>{6009, 6009}), numbers);
+    EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(dom));
 }
 
 }  // namespace

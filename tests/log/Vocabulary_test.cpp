@@ -17,123 +17,82 @@ using VEXIL::PayloadReasonText;
 
 namespace {
 
-TEST(Vocabulary, PacketActions) {
-    EXPECT_EQ("Log", PacketActionText(0));
-    EXPECT_EQ("Allow", PacketActionText(1));
-    EXPECT_EQ("Deny", PacketActionText(2));
-    EXPECT_EQ("Force Allow", PacketActionText(3));
-    EXPECT_EQ("Bypass", PacketActionText(4));
-    EXPECT_EQ("5", PacketActionText(5));
-    EXPECT_EQ("4294967295", PacketActionText(0xFFFFFFFFu));
+// The texts of the codes, joined by bars.
+template <typename Text>
+std::string Words(Text text, std::initializer_list<long long> codes) {
+    std::string words;
+    for (long long code : codes) {
+        words += (words.empty() ? "" : "|") + text(code).utf8_string();
+    }
+    return words;
 }
 
-TEST(Vocabulary, PacketReasonsInsideAndOutsideTheTable) {
-    EXPECT_EQ("Out Of Connection", PacketReasonText(100));
-    EXPECT_EQ("Fragmented", PacketReasonText(108));
-    EXPECT_EQ("Invalid Frament Offsets", PacketReasonText(109));
-    EXPECT_EQ("Dropped Retransmit", PacketReasonText(139));
-    EXPECT_EQ("Out Of Allowed Policy (Open Port)", PacketReasonText(141));
-    EXPECT_EQ("Max UDP Connections", PacketReasonText(152));
-    // Just outside the table, and the gaps inside it.
-    EXPECT_EQ("0x63", PacketReasonText(99));
-    EXPECT_EQ("0x99", PacketReasonText(153));
-    EXPECT_EQ("0x75", PacketReasonText(117));
-    EXPECT_EQ("0x81", PacketReasonText(129));
-    EXPECT_EQ("0x8c", PacketReasonText(140));
-    EXPECT_EQ("0", PacketReasonText(0));
-}
-
-TEST(Vocabulary, PayloadActionsAndTheDetectOnlyMark) {
-    EXPECT_EQ("Block", PayloadActionText(1));
-    EXPECT_EQ("Log", PayloadActionText(6));
-    EXPECT_EQ("7", PayloadActionText(7));
-    EXPECT_EQ("0", PayloadActionText(0));
-    EXPECT_EQ("Detect Only: Block", PayloadActionText(0x81));
-    EXPECT_EQ("Detect Only: Replace", PayloadActionText(0x85));
-    EXPECT_EQ("Detect Only: 0", PayloadActionText(0x80));
-    EXPECT_EQ("Detect Only: 9", PayloadActionText(0x89));
-    // Higher bits stay in the number.
-    EXPECT_EQ("256", PayloadActionText(0x100));
-    EXPECT_EQ("Detect Only: -129", PayloadActionText(-1));
-}
-
-TEST(Vocabulary, PayloadReasonsByGroup) {
-    EXPECT_EQ("Infinite Data Loop Error", PayloadReasonText(-806));
-    EXPECT_EQ("Double Decoding Exploit", PayloadReasonText(-508));
-    EXPECT_EQ("Invalid Use of Character", PayloadReasonText(-507));
-    EXPECT_EQ("URI Path Depth Exceeded", PayloadReasonText(-500));
-    EXPECT_EQ("Unsupported Cipher", PayloadReasonText(-300));
-    EXPECT_EQ("Packet Read Error", PayloadReasonText(-207));
-    EXPECT_EQ("Runtime Error", PayloadReasonText(-206));
-    EXPECT_EQ("Region Too Big", PayloadReasonText(-200));
-    EXPECT_EQ("Debug Trace", PayloadReasonText(-101));
-    EXPECT_EQ("Payload filter action", PayloadReasonText(-1));
-    EXPECT_EQ("Connection Close Notification", PayloadReasonText(10000));
-    EXPECT_EQ("Connection Close Notification", PayloadReasonText(10001));
-    EXPECT_EQ("Error: -2", PayloadReasonText(-2));
-    EXPECT_EQ("Error: 0", PayloadReasonText(0));
-    EXPECT_EQ("Error: -807", PayloadReasonText(-807));
-    EXPECT_EQ("Error: -5000", PayloadReasonText(-5000));
-    EXPECT_EQ("Error: 9999", PayloadReasonText(9999));
-    EXPECT_EQ("Error: 10002", PayloadReasonText(10002));
+TEST(Vocabulary, TablesTheirGapsAndTheNumbersOutside) {
+    EXPECT_EQ("Log|Allow|Deny|Force Allow|Bypass|5|4294967295",
+              Words(PacketActionText, {0, 1, 2, 3, 4, 5, 0xFFFFFFFF}));
+    EXPECT_EQ(
+        "Out Of Connection|Invalid Frament Offsets|Dropped Retransmit|"
+        "Out Of Allowed Policy (Open Port)|Max UDP Connections",
+        Words(PacketReasonText, {100, 109, 139, 141, 152}));
+    EXPECT_EQ("0x63|0x99|0x75|0x81|0x8c|0", Words(PacketReasonText, {99, 153, 117, 129, 140, 0}));
+    // Bit 7 is the detect-only mark; higher bits stay in the number.
+    EXPECT_EQ(
+        "Block|Log|7|0|Detect Only: Block|Detect Only: Replace|Detect Only: 0|"
+        "Detect Only: 9|256|Detect Only: -129",
+        Words(PayloadActionText, {1, 6, 7, 0, 0x81, 0x85, 0x80, 0x89, 0x100, -1}));
+    EXPECT_EQ(
+        "Infinite Data Loop Error|Double Decoding Exploit|Invalid Use of Character|"
+        "Unsupported Cipher|Packet Read Error|Runtime Error|Region Too Big|Debug Trace|"
+        "Payload filter action|Connection Close Notification|Connection Close Notification",
+        Words(PayloadReasonText,
+              {-806, -508, -507, -300, -207, -206, -200, -101, -1, 10000, 10001}));
+    EXPECT_EQ("Error: -2|Error: 0|Error: -807|Error: -5000|Error: 9999|Error: 10002",
+              Words(PayloadReasonText, {-2, 0, -807, -5000, 9999, 10002}));
 }
 
 // Installs a catalogue compiled from po text for the language "de" for the
 // length of a test, and removes all translations again afterwards.
 class TranslatedVocabulary : public testing::Test {
 protected:
-    void LoadCatalogue(const std::string& po) {
+    void LoadCatalogue(const std::string& entries) {
         const std::string folder = m_Folder.Path() + "/de/LC_MESSAGES";
         ASSERT_EQ(0, std::system(("mkdir -p '" + folder + "'").c_str()));
-        std::ofstream(folder + "/vexil_words.po") << po;
-        const std::string compile =
-            "msgfmt -o '" + folder + "/vexil_words.mo' '" + folder + "/vexil_words.po'";
-        ASSERT_EQ(0, std::system(compile.c_str()));
-
+        std::ofstream(folder + "/vexil_words.po")
+            << "msgid \"\"\nmsgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n\n"
+            << entries;
+        ASSERT_EQ(0, std::system(("msgfmt -o '" + folder + "/vexil_words.mo' '" + folder +
+                                  "/vexil_words.po'")
+                                     .c_str()));
         wxFileTranslationsLoader::AddCatalogLookupPathPrefix(m_Folder.Path());
         wxTranslations* translations = new wxTranslations;
         wxTranslations::Set(translations);
         translations->SetLanguage("de");
         ASSERT_TRUE(translations->AddCatalog("vexil_words"));
     }
-
     void TearDown() override { wxTranslations::Set(nullptr); }
 
     TempFolder m_Folder;
 };
 
-const char kGermanCatalogue[] =
-    "msgid \"\"\n"
-    "msgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n"
-    "\n"
-    "msgid \"Deny\"\nmsgstr \"Verweigern\"\n"
-    "msgid \"Force Allow\"\nmsgstr \"Erzwungen erlaubt\"\n"
-    "msgid \"Invalid Frament Offsets\"\nmsgstr \"Ungültige Fragmentversätze\"\n"
-    "msgid \"Reset\"\nmsgstr \"Zurücksetzen\"\n"
-    "msgid \"Detect Only: \"\nmsgstr \"Nur erkennen: \"\n"
-    "msgid \"Error: \"\nmsgstr \"Fehler: \"\n"
-    "msgid \"Runtime Error\"\nmsgstr \"Laufzeitfehler\"\n";
-
 TEST_F(TranslatedVocabulary, CatalogueTextsReplaceTheWordsEverywhere) {
-    LoadCatalogue(kGermanCatalogue);
-    EXPECT_EQ("Verweigern", PacketActionText(2));
-    EXPECT_EQ("Erzwungen erlaubt", PacketActionText(3));
-    EXPECT_EQ(wxString::FromUTF8("Ungültige Fragmentversätze"), PacketReasonText(109));
-    EXPECT_EQ(wxString::FromUTF8("Zurücksetzen"), PayloadActionText(2));
-    EXPECT_EQ(wxString::FromUTF8("Nur erkennen: Zurücksetzen"), PayloadActionText(0x82));
-    EXPECT_EQ("Nur erkennen: 0", PayloadActionText(0x80));
-    EXPECT_EQ("Laufzeitfehler", PayloadReasonText(-206));
-    EXPECT_EQ("Fehler: -2", PayloadReasonText(-2));
+    LoadCatalogue(
+        "msgid \"Deny\"\nmsgstr \"Verweigern\"\n"
+        "msgid \"Invalid Frament Offsets\"\nmsgstr \"Ungültige Fragmentversätze\"\n"
+        "msgid \"Reset\"\nmsgstr \"Zurücksetzen\"\n"
+        "msgid \"Detect Only: \"\nmsgstr \"Nur erkennen: \"\n"
+        "msgid \"Error: \"\nmsgstr \"Fehler: \"\n"
+        "msgid \"Runtime Error\"\nmsgstr \"Laufzeitfehler\"\n");
     // Words the catalogue lacks, and numbers, stay as they are.
-    EXPECT_EQ("Allow", PacketActionText(1));
-    EXPECT_EQ("Block", PayloadActionText(1));
-    EXPECT_EQ("0x63", PacketReasonText(99));
+    EXPECT_EQ("Verweigern|Allow", Words(PacketActionText, {2, 1}));
+    EXPECT_EQ("Ungültige Fragmentversätze|0x63", Words(PacketReasonText, {109, 99}));
+    EXPECT_EQ("Zurücksetzen|Nur erkennen: Zurücksetzen|Nur erkennen: 0|Block",
+              Words(PayloadActionText, {2, 0x82, 0x80, 1}));
+    EXPECT_EQ("Laufzeitfehler|Fehler: -2", Words(PayloadReasonText, {-206, -2}));
 }
 
 TEST_F(TranslatedVocabulary, KeysKeepTheirTrailingBlank) {
     // Without the blank the catalogue entry is a different key.
     LoadCatalogue(
-        "msgid \"\"\nmsgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n\n"
         "msgid \"Error:\"\nmsgstr \"Fehler:\"\n"
         "msgid \"Detect Only:\"\nmsgstr \"Nur erkennen:\"\n");
     EXPECT_EQ("Error: -2", PayloadReasonText(-2));

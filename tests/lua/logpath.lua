@@ -45,7 +45,8 @@ function logpath.update(env)
   env.dom:ConditionRaise("app.configUpdated")
 end
 
--- An outgoing IPv4 UDP record with fixed times; fields override.
+-- An outgoing IPv4 UDP record with fixed times; fields override, false
+-- removes a field.
 function logpath.record(fields)
   local record = {
     time_sec = 1700000000, time_usec = 250, end_time_sec = 1700000002, end_time_usec = 750,
@@ -65,16 +66,9 @@ end
 
 -- The 31 columns of a file line, split at the separators.
 function logpath.columns(line)
-  local columns, start = {}, 1
-  while true do
-    local at = line:find(", ", start, true)
-    if not at then
-      columns[#columns + 1] = line:sub(start)
-      return columns
-    end
-    columns[#columns + 1] = line:sub(start, at - 1)
-    start = at + 2
-  end
+  local columns = {}
+  for column in (line .. ", "):gmatch("(.-), ") do columns[#columns + 1] = column end
+  return columns
 end
 
 -- The lines of the live file, without line ends.
@@ -85,16 +79,12 @@ end
 -- Column n (1 to 31) of each line of the live file.
 function logpath.column(env, n)
   local values = {}
-  for i, line in ipairs(logpath.lines(env)) do
-    values[i] = logpath.columns(line)[n]
-  end
+  for i, line in ipairs(logpath.lines(env)) do values[i] = logpath.columns(line)[n] end
   return values
 end
 
 function logpath.exists(path)
-  local file = io.open(path, "rb")
-  if file then file:close() end
-  return file ~= nil
+  return support.read(path) ~= nil
 end
 
 function logpath.put(path, text)

@@ -12,9 +12,8 @@ describe("the record cache", function()
   end)
   after_each(function() logpath.finish(env) end)
 
-  local function write(fields)
-    return logpath.write(env, fields, config)
-  end
+  local function write(fields) return logpath.write(env, fields, config) end
+  local function flush() assert.is_true(env.log:FlushBufferedData(false)) end
 
   it("merges equal texts into one line with the summed count and the widest span", function()
     assert.is_true(write({ time_sec = 200, time_usec = 5, end_time_sec = 210, count = 2 }))
@@ -23,55 +22,38 @@ describe("the record cache", function()
     assert.is_true(write({ packet_len = 81, time_sec = 7, end_time_sec = 8 }))
     assert.is_false(logpath.exists(env.path))
     assert.is_true(env.log:FlushBufferedData(true))
+    -- Key order: the packet length 80 sorts before 81. An empty cache
+    -- flushes to nothing, successfully.
+    assert.is_true(env.log:FlushBufferedData(true))
     local lines = logpath.lines(env)
     assert.are.equal(2, #lines)
-    -- Key order: the packet length 80 sorts before 81.
     assert.matches("^1970/01/01, 00:01:40, f, .*, 80, .*, 7, 400000009, 100000001$", lines[1])
     assert.matches("^1970/01/01, 00:00:07, f, .*, 81, .*, 1, 8000750, 7000250$", lines[2])
-    -- An empty cache flushes to nothing, successfully.
-    assert.is_true(env.log:FlushBufferedData(true))
-    assert.are.equal(2, #logpath.lines(env))
   end)
 
   it("writes a record once its life time has passed, though it never went quiet", function()
-    for _ = 1, 11 do
+    for _ = 1, 12 do
       write({})
       norv.AdvanceTicks(5000)
     end
-    write({}) -- 55000 msec old
-    assert.is_false(logpath.exists(env.path))
-    norv.AdvanceTicks(5000)
+    assert.is_false(logpath.exists(env.path)) -- 55000 msec old at the last write
     write({}) -- merged, then due at 60000
     assert.are.same({ "13" }, logpath.column(env, 29))
-    -- The next event starts a new record.
-    write({})
+    write({}) -- starts a new record
     assert.are.equal(1, #logpath.lines(env))
   end)
 
-  it("writes a record that has been idle for the stale time; count 0 still keeps it alive", function()
+  it("writes a record idle for the stale time, across the wrap of the tick", function()
+    norv.SetTicks(0xFFFFFF00 - 9000)
     write({ count = 4 })
     norv.AdvanceTicks(9000)
-    write({ count = 0 })
-    norv.AdvanceTicks(9999)
-    assert.is_true(env.log:FlushBufferedData(false))
+    write({ count = 0 }) -- keeps it alive, adds nothing
+    norv.AdvanceTicks(9999) -- past the wrap
+    flush()
     assert.is_false(logpath.exists(env.path))
     norv.AdvanceTicks(1)
-    assert.is_true(env.log:FlushBufferedData(false))
+    flush()
     assert.are.same({ "4" }, logpath.column(env, 29))
-  end)
-
-  it("measures age and idle time across the wrap of the tick counter", function()
-    norv.SetTicks(0xFFFFFF00)
-    write({})
-    norv.AdvanceTicks(0x100) -- the counter stands at 0
-    assert.are.equal(0, norv.Ticks())
-    write({ packet_len = 81 })
-    norv.AdvanceTicks(10000 - 0x100 - 1)
-    assert.is_true(env.log:FlushBufferedData(false))
-    assert.is_false(logpath.exists(env.path))
-    norv.AdvanceTicks(1)
-    assert.is_true(env.log:FlushBufferedData(false))
-    assert.are.same({ "80" }, logpath.column(env, 16))
   end)
 
   it("evicts the oldest record when full, the greater text on a tie", function()
@@ -80,12 +62,10 @@ describe("the record cache", function()
     write({ packet_len = 30 })
     assert.is_false(logpath.exists(env.path)) -- two records fit
     write({ packet_len = 20 })
-    -- Age wins over key order.
-    assert.are.same({ "10" }, logpath.column(env, 16))
-    -- 30 and 20 have the same age and idle time, and so does the new one:
-    -- the text greatest in byte order goes ("9" > "3" > "2").
+    assert.are.same({ "10" }, logpath.column(env, 16)) -- age wins over key order
+    -- 30, 20 and the new one have the same age and idle time: the text
+    -- greatest in byte order goes ("9" > "3" > "2").
     write({ packet_len = 9 })
-    assert.are.same({ "10", "9" }, logpath.column(env, 16))
     assert.is_true(env.log:FlushBufferedData(true))
     assert.are.same({ "10", "9", "20", "30" }, logpath.column(env, 16))
   end)

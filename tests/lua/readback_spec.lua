@@ -18,12 +18,10 @@ local function line(kind, t, tag, firstUsec)
                        tag, firstUsec, firstUsec)
 end
 
--- What read-back delivers of a line: all but the date and time columns.
+-- What read-back delivers of lines: all but the date and time columns.
 local function delivered(...)
   local parts = {}
-  for _, text in ipairs { ... } do
-    parts[#parts + 1] = text:sub(23) .. "\n"
-  end
+  for _, text in ipairs { ... } do parts[#parts + 1] = text:sub(23) .. "\n" end
   return table.concat(parts)
 end
 
@@ -34,20 +32,28 @@ local function writeFile(path, lines, ending)
   file:close()
 end
 
-local function traced(pattern)
-  for _, text in ipairs(norv.TraceLines()) do
-    if text:find(pattern, 1, true) then return true end
-  end
-  return false
+-- Runs a chunk in a fresh interpreter, at most 10 s, and gives its output.
+local function fresh(chunk, ...)
+  local pipe = io.popen(string.format("timeout 10 lua5.2 -e %q 2>/dev/null",
+                                      string.format(chunk, ...)))
+  local output = pipe:read("*a")
+  pipe:close()
+  return output
 end
 
 describe("log:GetLogData", function()
   local folder, dom, log
 
   local function family(files)
-    for name, lines in pairs(files) do
-      writeFile(folder .. "/" .. name, lines)
-    end
+    for name, lines in pairs(files) do writeFile(folder .. "/" .. name, lines) end
+  end
+
+  -- The trace of one call, for a plain text search.
+  local function traced(...)
+    norv.SetTrace("vexil")
+    norv.TraceLines()
+    local result = log:GetLogData(...)
+    return result, table.concat(norv.TraceLines(), "\n")
   end
 
   before_each(function()
@@ -69,73 +75,62 @@ describe("log:GetLogData", function()
     local a, b = line("f", T0, 1), line("d", T0 + 1, 2)
     local c, d = line("f", T0 + 2, 3), line("f", T0 + 3, 4)
     local e, f = line("d", T0 + 4, 5), line("f", T0 + 5, 6)
+    local oldest = line("f", T0 - 9, 7)
     family { ["norv_mpnp.2"] = { a, b }, ["norv_mpnp.1"] = { c }, ["norv_mpnp"] = { d, e, f },
-             ["norv_mpnp.10"] = { line("f", T0 - 9, 7) } }
-    assert.are.equal(delivered(line("f", T0 - 9, 7), a, c, d, f), log:GetLogData(0, 0, 0, 100))
+             ["norv_mpnp.10"] = { oldest } }
+    assert.are.equal(delivered(oldest, a, c, d, f), log:GetLogData(0, 0, 0, 100))
     assert.are.equal(delivered(b, e), log:GetLogData(0, 0, 1, 100))
     -- A cap of 1 changes nothing; other role numbers are the packet role.
     assert.are.equal(delivered(b, e), log:GetLogData(0, -5, 2, 1))
-    assert.are.equal(log:GetLogData(0, 0, 0, 100), log:GetLogData(0, 0, 7, -1))
-    assert.are.equal(log:GetLogData(0, 0, 0, 100), log:GetLogData(0, 0, -1, 0))
-  end)
-
-  it("gives an empty string when nothing matches", function()
-    family { norv_mpnp = { line("d", T0, 1) } }
-    assert.are.equal("", log:GetLogData(0, 0, 0, 100))
+    assert.are.equal(delivered(oldest, a, c, d, f), log:GetLogData(0, 0, 7, -1))
+    assert.are.equal(delivered(oldest, a, c, d, f), log:GetLogData(0, 0, -1, 0))
+    -- Nothing that matches is an empty string.
     assert.are.equal("", log:GetLogData(T0 + 5000, 0, 1, 100))
   end)
 
   it("takes the span with a margin of one cache life time", function()
-    local early = line("f", T0 - 1, 1)
-    local first, last = line("f", T0, 2), line("f", T0 + 100, 3)
-    local over = line("f", T0 + 101, 4)
-    local farOver = line("f", T0 + 100 + MARGIN + 1, 5)
-    local after = line("f", T0 + 50, 6)
-    family { ["norv_mpnp.1"] = { early, first, over, last, farOver, after } }
-    norv.SetTrace("vexil")
-    norv.TraceLines()
+    local early, first, last = line("f", T0 - 1, 1), line("f", T0, 2), line("f", T0 + 100, 3)
+    local over, farOver = line("f", T0 + 101, 4), line("f", T0 + 100 + MARGIN + 1, 5)
+    family { ["norv_mpnp.1"] = { early, first, over, last, farOver, line("f", T0 + 50, 6) } }
     -- Just before the start is left out in an old copy; past the end but
     -- within the margin is left out and the scan goes on; past the margin
     -- the rest of the file is left.
-    assert.are.equal(delivered(first, last), log:GetLogData(T0, T0 + 100, 0, 100))
-    assert.is_true(traced("Skipping rest of file " .. folder .. "/norv_mpnp.1 since the " ..
-                          "timestamps are newer than we want."))
+    local result, trace = traced(T0, T0 + 100, 0, 100)
+    assert.are.equal(delivered(first, last), result)
+    assert.matches("Skipping rest of file " .. folder .. "/norv_mpnp.1 since the timestamps " ..
+                   "are newer than we want.", trace, 1, true)
   end)
 
   it("leaves a file whose first line is newer than the span", function()
-    local late = line("f", T0 + 10 + MARGIN + 1, 1)
-    family { ["norv_mpnp.1"] = { late, line("f", T0 + 5, 2) }, norv_mpnp = { line("f", T0, 3) } }
-    norv.SetTrace("vexil")
-    norv.TraceLines()
-    assert.are.equal(delivered(line("f", T0, 3)), log:GetLogData(T0, T0 + 10, 0, 100))
-    assert.is_true(traced("Skipping all of file " .. folder .. "/norv_mpnp.1 since it's " ..
-                          "newer than we want."))
+    local inLive, inCopy = line("f", T0, 3), line("f", T0 + 5, 2)
+    family { ["norv_mpnp.1"] = { line("f", T0 + 10 + MARGIN + 1, 1), inCopy },
+             norv_mpnp = { inLive } }
+    local result, trace = traced(T0, T0 + 10, 0, 100)
+    assert.are.equal(delivered(inLive), result)
+    assert.matches("Skipping all of file " .. folder .. "/norv_mpnp.1 since it's newer than we " ..
+                   "want.", trace, 1, true)
     -- A first line of the other role is passed over before its time is
     -- read, and the line after it is no first line.
-    family { ["norv_mpnp.1"] = { line("d", T0 + 10 + MARGIN + 1, 4), line("f", T0 + 5, 2) } }
-    assert.are.equal(delivered(line("f", T0 + 5, 2), line("f", T0, 3)),
-                     log:GetLogData(T0, T0 + 10, 0, 100))
+    family { ["norv_mpnp.1"] = { line("d", T0 + 10 + MARGIN + 1, 4), inCopy } }
+    assert.are.equal(delivered(inCopy, inLive), log:GetLogData(T0, T0 + 10, 0, 100))
   end)
 
   it("passes over files older than the span by their modification time", function()
-    family { ["norv_mpnp.1"] = { line("f", T0 + 5, 1) }, norv_mpnp = { line("f", T0 + 6, 2) } }
+    local old, new = line("f", T0 + 5, 1), line("f", T0 + 6, 2)
+    family { ["norv_mpnp.1"] = { old }, norv_mpnp = { new } }
     os.execute(string.format("touch -d @%d '%s/norv_mpnp.1'", T0 + 3, folder))
-    norv.SetTrace("vexil")
-    norv.TraceLines()
-    assert.are.equal(delivered(line("f", T0 + 6, 2)), log:GetLogData(T0 + 4, 0, 0, 100))
-    assert.is_true(traced("Skipping all of file " .. folder .. "/norv_mpnp.1 since it's older " ..
-                          "than we want"))
+    local result, trace = traced(T0 + 4, 0, 0, 100)
+    assert.are.equal(delivered(new), result)
+    assert.matches("Skipping all of file " .. folder .. "/norv_mpnp.1 since it's older than we " ..
+                   "want", trace, 1, true)
     -- Without a start time the modification time is not looked at.
-    assert.are.equal(delivered(line("f", T0 + 5, 1), line("f", T0 + 6, 2)),
-                     log:GetLogData(0, 0, 0, 100))
+    assert.are.equal(delivered(old, new), log:GetLogData(0, 0, 0, 100))
   end)
 
   it("delivers a late line of the live file once, by role", function()
-    local inSpan = line("d", T0, 1)
-    local late = line("d", T0 - 60, 2)
-    local tooLate = line("d", T0 - MARGIN - 1, 3)
+    local inSpan, late, packet = line("d", T0, 1), line("d", T0 - 60, 2), line("f", T0 - 30, 5)
     family { ["norv_mpnp.1"] = { line("d", T0 - 60, 4) },
-             norv_mpnp = { inSpan, line("f", T0 - 30, 5), late, tooLate } }
+             norv_mpnp = { inSpan, packet, late, line("d", T0 - MARGIN - 1, 3) } }
     assert.are.equal(delivered(inSpan, late), log:GetLogData(T0, 0, 1, 100))
     assert.are.equal("2", dom:GetSetting("norvp.vexil.lastline.payload"))
     -- Lines at or below the position are not late lines any more.
@@ -143,13 +138,11 @@ describe("log:GetLogData", function()
     -- The capture role has a position of its own; the packet role too.
     assert.are.equal(delivered(inSpan, late), log:GetLogData(T0, 0, 2, 100))
     assert.are.equal("2", dom:GetSetting("norvp.vexil.lastline.pcap"))
-    assert.are.equal(delivered(line("f", T0 - 30, 5)), log:GetLogData(T0, 0, 0, 100))
+    assert.are.equal(delivered(packet), log:GetLogData(T0, 0, 0, 100))
     assert.are.equal("1", dom:GetSetting("norvp.vexil.lastline.packet"))
     -- A line written later is late again, past the position.
-    local file = assert(io.open(folder .. "/norv_mpnp", "ab"))
     local newer = line("d", T0 - 10, 6)
-    file:write(newer .. "\r\n")
-    file:close()
+    family { norv_mpnp = { inSpan, packet, late, line("d", T0 - MARGIN - 1, 3), newer } }
     assert.are.equal(delivered(inSpan, newer), log:GetLogData(T0, 0, 1, 100))
     assert.are.equal("4", dom:GetSetting("norvp.vexil.lastline.payload"))
   end)
@@ -177,9 +170,8 @@ describe("log:GetLogData", function()
   end)
 
   it("counts every line and every piece of a long line", function()
-    local long = string.rep("x", 20000)
     local late = line("f", T0 - 5, 1)
-    family { norv_mpnp = { long, "", line("d", T0 - 5, 2), late } }
+    family { norv_mpnp = { string.rep("x", 20000), "", line("d", T0 - 5, 2), late } }
     -- Pieces of at most 9343 bytes: three for the long line (the last with
     -- its line end), then the empty line and the payload line: the late
     -- line is number 5.
@@ -199,11 +191,9 @@ describe("log:GetLogData", function()
     local bad = line("f", T0, 2):gsub("TCP", "T\1P")
     family { ["norv_mpnp.1"] = { bad, good, bad }, norv_mpnp = { good } }
     assert.are.equal(delivered(good, good), log:GetLogData(0, 0, 0, 100))
-    local warnings = norv.OperatorLog()
-    assert.are.equal(1, #warnings)
-    assert.are.equal("Warning: !6001!Non-printable data encountered in log file '" .. folder ..
-                     "/norv_mpnp.1'. The file may be corrupt, and if so, it should be deleted.",
-                     warnings[1])
+    assert.are.same({ "Warning: !6001!Non-printable data encountered in log file '" .. folder ..
+                      "/norv_mpnp.1'. The file may be corrupt, and if so, it should be deleted." },
+                    norv.OperatorLog())
     -- The same file again: no new warning. Two bad files in turn: each.
     log:GetLogData(0, 0, 0, 100)
     assert.are.same({}, norv.OperatorLog())
@@ -213,40 +203,17 @@ describe("log:GetLogData", function()
     assert.are.equal(3, #norv.OperatorLog())
   end)
 
-  it("examines a final line with binary data and no line end", function()
+  it("examines a final line without a line end, binary or no UTF-8, and reads on", function()
     local final = line("f", T0, 1) .. "\1x"
-    writeFile(folder .. "/norv_mpnp", { line("f", T0, 2), final }, false)
-    assert.are.equal(delivered(line("f", T0, 2), final), log:GetLogData(0, 0, 0, 100))
-    assert.are.equal(1, #norv.OperatorLog())
-  end)
-
-  it("lets a final line that is no UTF-8 hold back none of the lines behind it", function()
-    local final = line("f", T0 + 1, 2) .. "\255x"
-    writeFile(folder .. "/norv_mpnp.1", { line("f", T0, 1), final }, false)
+    writeFile(folder .. "/norv_mpnp.2", { line("f", T0, 2), final }, false)
+    local noUtf8 = line("f", T0 + 1, 2) .. "\255x"
+    writeFile(folder .. "/norv_mpnp.1", { noUtf8 }, false)
     family { norv_mpnp = { line("f", T0 + 2, 3) } }
     -- The stray byte comes back as the character of the same number.
-    assert.are.equal(delivered(line("f", T0, 1), final:gsub("\255", "\195\191"),
+    assert.are.equal(delivered(line("f", T0, 2), final, noUtf8:gsub("\255", "\195\191"),
                                line("f", T0 + 2, 3)),
                      log:GetLogData(0, 0, 0, 100))
-  end)
-
-  it("reads past a FIFO in the family instead of waiting on it", function()
-    family { norv_mpnp = { line("f", T0, 1) } }
-    os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
-    local chunk = [[
-      require "norv"; require "vexil"
-      local dom = SLB.norv.Dom(":memory:")
-      local log = SLB.vexil.LogData(dom)
-      log:SetLogFilePath("%s")
-      io.write("[" .. log:GetLogData(0, 0, 0, 100) .. "]")
-      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
-    ]]
-    local pipe = io.popen(string.format("timeout 10 lua5.2 -e %q 2>/dev/null",
-                                        string.format(chunk, folder)))
-    local output = pipe:read("*a")
-    pipe:close()
-    assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
-                     "/norv_mpnp.1|Invalid argument", output)
+    assert.are.equal(2, #norv.OperatorLog()) -- one warning for each file
   end)
 
   it("reports a family that cannot be listed, or a file that cannot be read", function()
@@ -262,55 +229,47 @@ describe("log:GetLogData", function()
     assert.are.equal(1, #events)
     assert.are.equal(3001, events[1].number)
     assert.matches("|No such file or directory", events[1].detail, 1, true)
+    -- A FIFO in the family is reported and passed, not waited on.
+    os.remove(folder .. "/norv_mpnp.1")
+    os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
+    assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
+                     "/norv_mpnp.1|Invalid argument", fresh([[
+      require "norv"; require "vexil"
+      local dom = SLB.norv.Dom(":memory:")
+      local log = SLB.vexil.LogData(dom)
+      log:SetLogFilePath("%s")
+      io.write("[" .. log:GetLogData(0, 0, 0, 100) .. "]")
+      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
+    ]], folder))
   end)
 
-  it("traces the request with the host's uuid", function()
+  it("traces the request with the host's uuid and the role's word", function()
     dom:SetSetting("uuid", "agent-42")
     family { norv_mpnp = { line("d", T0, 1) } }
-    norv.SetTrace("vexil")
-    norv.TraceLines()
-    log:GetLogData(T0, 0, 2, 100)
-    local text = table.concat(norv.TraceLines(), "\n")
-    assert.matches("GetLogData called!", text, 1, true)
-    assert.matches("GetLogData(1700000000, 0, agent-42) for ", text, 1, true)
-    local bytes = #delivered(line("d", T0, 1))
-    assert.matches("GetLogData(agent-42) returning " .. bytes .. " bytes for dpi driver " ..
-                   "requested start time = Tue Nov 14 22:13:20 2023", text, 1, true)
-    log:GetLogData(0, 0, 0, 100)
-    assert.matches("returning 0 bytes for fw driver", table.concat(norv.TraceLines(), "\n"), 1,
-                   true)
-  end)
-
-  it("refuses anything but a log object at position 1", function()
-    local ok, err = pcall(log.GetLogData, dom, 0, 0, 0, 10)
-    assert.is_false(ok)
-    assert.matches("LogData object expected", err)
+    assert.matches("GetLogData(agent-42) returning " .. #delivered(line("d", T0, 1)) ..
+                   " bytes for dpi driver requested start time = Tue Nov 14 22:13:20 2023",
+                   select(2, traced(T0, 0, 2, 100)), 1, true)
+    assert.matches("returning 0 bytes for fw driver", select(2, traced(0, 0, 0, 100)), 1, true)
   end)
 
   it("returns exactly what grep finds in a family of megabytes", function()
-    local config = {
-      packetFilterLog = { size = 512, keep = 12, cacheSize = 0 },
-      trafficAnalysisConfiguration = {}, probeConfigurationMap = {},
-    }
-    dom:ConditionRaise("app.configUpdated")
+    local config = { packetFilterLog = { size = 512, keep = 12, cacheSize = 0 },
+                     trafficAnalysisConfiguration = {}, probeConfigurationMap = {} }
     local bytes = string.rep("\222\173\190\239", 80)
     for i = 0, 5999 do
-      local record = norvi.EncodeRecord {
+      log:WriteLogData(norvi.EncodeRecord {
         time_sec = T0 + i, time_usec = i, end_time_sec = T0 + i, count = 1,
         flags = 0x50, iph_proto = 17, iph_src = "192.0.2.7", iph_dest = "198.51.100.2",
         packet_len = 400 + i % 7, th_sport = 1024 + i % 50, th_dport = 53,
         reason = (i % 3 == 0) and -500 or 0, id = i, packet_data_len = 320,
-      }
-      log:WriteLogData(record, "", config, bytes)
+      }, "", config, bytes)
     end
     assert.is_not_nil(support.read(folder .. "/norv_mpnp.5"))
-
     local function grep(role, pattern)
-      local command = string.format(
+      local pipe = io.popen(string.format(
         "cd '%s' && for f in $(ls norv_mpnp* | sort -t. -k2,2nr); do " ..
         "grep -a -E '^.{22}%s, .*, %s\r$' \"$f\"; done | cut -c23- | tr -d '\\r'",
-        folder, role, pattern)
-      local pipe = io.popen(command)
+        folder, role, pattern))
       local text = pipe:read("*a")
       pipe:close()
       return text

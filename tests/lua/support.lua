@@ -1,11 +1,16 @@
 -- Shared helpers of the Lua specs.
 local support = {}
 
-function support.tempdir()
-  local pipe = io.popen("mktemp -d /tmp/vexil-spec-XXXXXX")
-  local path = pipe:read("*l")
+-- The output of a shell command: its first line, or all of it.
+local function capture(command, format)
+  local pipe = io.popen(command)
+  local output = pipe:read(format)
   pipe:close()
-  return path
+  return output
+end
+
+function support.tempdir()
+  return capture("mktemp -d /tmp/vexil-spec-XXXXXX", "*l")
 end
 
 function support.remove(path)
@@ -13,10 +18,7 @@ function support.remove(path)
 end
 
 function support.mode(path)
-  local pipe = io.popen("stat -c %a '" .. path .. "' 2>/dev/null")
-  local mode = pipe:read("*l")
-  pipe:close()
-  return mode
+  return capture("stat -c %a '" .. path .. "' 2>/dev/null", "*l")
 end
 
 function support.read(path)
@@ -28,30 +30,20 @@ function support.read(path)
 end
 
 function support.lines(path)
-  local text = support.read(path)
   local lines = {}
-  if not text then return lines end
-  for line in text:gmatch("(.-)\r\n") do
-    lines[#lines + 1] = line
-  end
+  for line in (support.read(path) or ""):gmatch("(.-)\r\n") do lines[#lines + 1] = line end
   return lines
 end
 
 -- Runs a chunk of Lua in a fresh lua5.2 process with the modules of this
 -- build; returns its standard output.
 function support.run(chunk)
-  local command = string.format("lua5.2 -e %q 2>/dev/null", chunk)
-  local pipe = io.popen(command)
-  local output = pipe:read("*a")
-  pipe:close()
-  return output
+  return capture(string.format("lua5.2 -e %q 2>/dev/null", chunk), "*a")
 end
 
 function support.event_numbers(dom)
   local numbers = {}
-  for i, event in ipairs(dom:AgentEvents()) do
-    numbers[i] = event.number
-  end
+  for i, event in ipairs(dom:AgentEvents()) do numbers[i] = event.number end
   return numbers
 end
 
