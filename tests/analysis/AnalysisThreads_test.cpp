@@ -1,13 +1,13 @@
 // Record intake and CacheMaintenance on two threads against one log object,
 // as the locks of the analysis allow: each thread reads its own configuration
 // table on its own Lua state, both block attackers through one driver handle.
-// Built with ThreadSanitizer by `make test-tsan`.
 #include <arpa/inet.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -24,17 +24,13 @@
 #include "log/LogData.h"
 #include "tests/TempFolder.h"
 
-using NorvCore::CDom;
-using VEXIL::ConfigUtils;
 using VEXIL::DriverLogEntry;
-using VEXIL::LogData;
 
 namespace {
 
 constexpr int kSources = 40;  // of each kind
 constexpr int kRounds = 4;
 constexpr int kScanPorts = 70;
-constexpr int kBlockSeconds = 1000000;
 
 // Blocking NULL probes (with a heartbeat) and scanners, for long enough that
 // no detection expires while the clock runs on.
@@ -47,8 +43,8 @@ const char* const kConfiguration =
     "    [2] = { blockAttackerSeconds = 1000000, notifyImmediately = true } },"
     "  platformInterfaceMap = { ['10.8.0.1'] = { } } }";
 
-// An incoming IPv4 TCP record, denied.
-DriverLogEntry Record(const std::string& source, const std::string& dest, u16 port, u8 tcpFlags) {
+// An incoming IPv4 TCP record from 10.<kind>.0.<source>, denied.
+DriverLogEntry Record(int kind, int source, const char* dest, u16 port, u8 tcpFlags) {
     DriverLogEntry record;
     std::memset(record.bytes, 0, sizeof record.bytes);
     auto put16 = [&](size_t offset, u16 value) { std::memcpy(record.bytes + offset, &value, 2); };
@@ -60,93 +56,60 @@ DriverLogEntry Record(const std::string& source, const std::string& dest, u16 po
     put16(38, DriverLogEntry::kIpv4 | DriverLogEntry::kTransportValid);
     put32(96, 1);
     record.bytes[129] = 6;
-    put32(132, inet_addr(source.c_str()));
-    put32(136, inet_addr(dest.c_str()));
+    put32(132, htonl(0x0A000000u | kind << 16 | source));
+    put32(136, inet_addr(dest));
     put16(160, htons(40000));
     put16(162, htons(port));
     record.bytes[173] = tcpFlags;
     return record;
 }
 
-std::string Address(const char* prefix, int index) {
-    return prefix + std::to_string(index);
+std::string Address(int kind, int source) {
+    return "10." + std::to_string(kind) + ".0." + std::to_string(source);
 }
 
+typedef std::unique_ptr<lua_State, decltype(&lua_close)> LuaState;
+
 // A Lua state of its own with the configuration table at position 1.
-class ConfigurationState {
-public:
-    ConfigurationState() : L(luaL_newstate()) {
-        m_Loaded = L != nullptr && luaL_dostring(L, kConfiguration) == LUA_OK;
-    }
-    ~ConfigurationState() {
-        if (L != nullptr) {
-            lua_close(L);
+LuaState ConfigurationState() {
+    LuaState state(luaL_newstate(), &lua_close);
+    EXPECT_TRUE(state != nullptr && luaL_dostring(state.get(), kConfiguration) == LUA_OK);
+    return state;
+}
+
+// Blocked addresses (dotted) and how often each was requested.
+std::map<std::string, int> TakeBlockRequests() {
+    const auto take = reinterpret_cast<size_t (*)(void*, size_t)>(
+        NorvCore::NorviSymbol("norvi_test_take_blacklist_requests"));
+    std::map<std::string, int> blocked;
+    u8 batch[16 * NORVI_BLACKLIST_REQUEST_SIZE];
+    for (size_t taken; take != nullptr && (taken = take(batch, 16)) != 0;) {
+        for (size_t i = 0; i < taken; ++i) {
+            in_addr address;
+            std::memcpy(&address, batch + i * NORVI_BLACKLIST_REQUEST_SIZE + 8, 4);
+            ++blocked[inet_ntoa(address)];
         }
     }
-    ConfigurationState(const ConfigurationState&) = delete;
-    ConfigurationState& operator=(const ConfigurationState&) = delete;
+    return blocked;
+}
 
-    bool Loaded() const { return m_Loaded; }
-
-    lua_State* const L;
-
-private:
-    bool m_Loaded;
-};
-
-class AnalysisThreads : public testing::Test {
-protected:
-    void SetUp() override {
-        m_TakeRequests = reinterpret_cast<size_t (*)(void*, size_t)>(
-            NorvCore::NorviSymbol("norvi_test_take_blacklist_requests"));
-        ASSERT_NE(nullptr, m_TakeRequests) << "libnorvi.so must be built beside the host core";
-        while (TakeRequests().size() != 0) {
-        }
-        m_Handle = norvi_open();
-        ASSERT_NE(nullptr, m_Handle);
-        NorvCore::SetManualTicks(5000000);
-        NorvCore::SetTraceCategories("LogScan");
-    }
-
-    void TearDown() override {
-        NorvCore::SetTraceCategories("");
-        NorvCore::TakeTraceLines();
-        NorvCore::UseRealTicks();
-        if (m_Handle != nullptr) {
-            norvi_close(m_Handle);
-        }
-    }
-
-    // Blocked addresses (dotted) and how often each was requested.
-    std::map<std::string, int> TakeRequests() {
-        std::map<std::string, int> blocked;
-        u8 batch[16 * NORVI_BLACKLIST_REQUEST_SIZE];
-        for (size_t taken; (taken = m_TakeRequests(batch, 16)) != 0;) {
-            for (size_t i = 0; i < taken; ++i) {
-                in_addr address;
-                std::memcpy(&address, batch + i * NORVI_BLACKLIST_REQUEST_SIZE + 8, 4);
-                ++blocked[inet_ntoa(address)];
-            }
-        }
-        return blocked;
-    }
-
-    size_t (*m_TakeRequests)(void*, size_t) = nullptr;
-    norvi_handle_t m_Handle = nullptr;
-};
-
-TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
+TEST(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
+    ASSERT_NE(nullptr, NorvCore::NorviSymbol("norvi_test_take_blacklist_requests"));
+    TakeBlockRequests();
+    norvi_handle_t handle = norvi_open();
+    ASSERT_NE(nullptr, handle);
+    NorvCore::SetManualTicks(5000000);
+    NorvCore::SetTraceCategories("LogScan");
     TempFolder folder;
-    CDom dom(":memory:");
+    NorvCore::CDom dom(":memory:");
     dom.Set("norv.baseFolder", folder.Path());
-    LogData log(dom);
-    log.SetNorviHandle(m_Handle);
-    ConfigurationState recordState;
-    ConfigurationState maintenanceState;
-    ASSERT_TRUE(recordState.Loaded());
-    ASSERT_TRUE(maintenanceState.Loaded());
-    ConfigUtils recordConfig(recordState.L, 1);
-    ConfigUtils maintenanceConfig(maintenanceState.L, 1);
+    VEXIL::LogData log(dom);
+    log.SetNorviHandle(handle);
+    LuaState recordState = ConfigurationState();
+    LuaState maintenanceState = ConfigurationState();
+    ASSERT_TRUE(recordState != nullptr && maintenanceState != nullptr);
+    VEXIL::ConfigUtils recordConfig(recordState.get(), 1);
+    VEXIL::ConfigUtils maintenanceConfig(maintenanceState.get(), 1);
 
     std::atomic<bool> done(false);
     int passes = 0;
@@ -160,18 +123,16 @@ TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
     });
     std::thread records([&] {
         log.SetConfigUtils(&recordConfig);
+        auto write = [&log](DriverLogEntry record) {
+            log.WriteLogData(&record, nullptr, 0, nullptr, 0);
+        };
         for (int round = 0; round < kRounds; ++round) {
             for (int source = 0; source < kSources; ++source) {
-                DriverLogEntry probe = Record(Address("10.3.0.", source), "10.8.0.1", 80, 0x00);
-                log.WriteLogData(&probe, nullptr, 0, nullptr, 0);
-                DriverLogEntry trusted = Record(Address("10.9.0.", source), "10.8.0.1", 80, 0x00);
-                log.WriteLogData(&trusted, nullptr, 0, nullptr, 0);
-                DriverLogEntry benign = Record(Address("10.1.0.", source), "10.8.0.1", 80, 0x02);
-                log.WriteLogData(&benign, nullptr, 0, nullptr, 0);
+                write(Record(3, source, "10.8.0.1", 80, 0x00));  // NULL probes
+                write(Record(9, source, "10.8.0.1", 80, 0x00));  // whitelisted
+                write(Record(1, source, "10.8.0.1", 80, 0x02));  // one port: benign
                 for (int port = 0; port < kScanPorts; ++port) {
-                    DriverLogEntry scan =
-                        Record(Address("10.4.0.", source), "10.8.0.2", u16(1000 + port), 0x02);
-                    log.WriteLogData(&scan, nullptr, 0, nullptr, 0);
+                    write(Record(4, source, "10.8.0.2", u16(1000 + port), 0x02));  // scanners
                 }
             }
         }
@@ -193,11 +154,10 @@ TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
     std::map<std::string, int> scanners;
     for (const NorvCore::AgentEvent& event : dom.AgentEvents()) {
         const std::string detail = event.detail.ToStdString();
-        const std::string address = detail.substr(0, detail.find('|', detail.find('|') + 1));
         if (event.number == 7002) {
             ++nullScans[detail];
         } else if (event.number == 7001) {
-            ++scanners[address];
+            ++scanners[detail.substr(0, detail.find('|', detail.find('|') + 1))];
             EXPECT_EQ(0u, detail.rfind("HostOrPortScan|10.4.0.", 0)) << detail;
             EXPECT_NE(std::string::npos, detail.find("|6|1000000|1|")) << detail;
         } else {
@@ -208,9 +168,7 @@ TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
     // whitelisted sources, and none for a source of one port.
     ASSERT_EQ(size_t(kSources), nullScans.size());
     for (int source = 0; source < kSources; ++source) {
-        const std::string detail =
-            "NullScan|" + Address("10.3.0.", source) + "|6|" + std::to_string(kBlockSeconds);
-        EXPECT_EQ(1, nullScans[detail]) << detail;
+        EXPECT_EQ(1, nullScans["NullScan|" + Address(3, source) + "|6|1000000"]) << source;
     }
     for (const auto& scanner : scanners) {
         EXPECT_EQ(1, scanner.second) << scanner.first;
@@ -221,11 +179,9 @@ TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
 
     // Every detection was blocked once, but for scanners flagged by the last
     // pass, which had no table.
-    const std::map<std::string, int> blocked = TakeRequests();
+    const std::map<std::string, int> blocked = TakeBlockRequests();
     for (int source = 0; source < kSources; ++source) {
-        auto found = blocked.find(Address("10.3.0.", source));
-        ASSERT_NE(blocked.end(), found);
-        EXPECT_EQ(1, found->second);
+        EXPECT_EQ(1u, blocked.count(Address(3, source))) << source;
     }
     EXPECT_LE(blocked.size(), size_t(kSources) + scanners.size());
     for (const auto& entry : blocked) {
@@ -233,6 +189,10 @@ TEST_F(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
             << entry.first;
         EXPECT_EQ(1, entry.second) << entry.first;
     }
+    NorvCore::SetTraceCategories("");
+    NorvCore::TakeTraceLines();
+    NorvCore::UseRealTicks();
+    norvi_close(handle);
 }
 
 }  // namespace

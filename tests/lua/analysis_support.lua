@@ -5,10 +5,7 @@ assert(require "vexil")
 local norvi = require "norvi"
 local support = require "support"
 
-local analysis = {}
-
-analysis.START_TICKS = 1000000
-analysis.BIN = 10000
+local analysis = { START_TICKS = 1000000, BIN = 10000 }
 
 -- The configuration table with the given probe map (ProbeType -> settings)
 -- and trafficAnalysisConfiguration.
@@ -25,9 +22,7 @@ end
 -- Every probe type enabled, no blocking, no heartbeat.
 function analysis.all_probes()
   local probes = {}
-  for probeType = 0, 4 do
-    probes[probeType] = { blockAttackerSeconds = 0, notifyImmediately = false }
-  end
+  for probeType = 0, 4 do probes[probeType] = { blockAttackerSeconds = 0 } end
   return probes
 end
 
@@ -39,22 +34,18 @@ function analysis.record(fields)
     iph_src = "192.0.2.7", iph_dest = "198.51.100.2", iph_total_len = 40, th_sport = 40000,
     th_dport = 80, tcph_flags = 0x02, action = 1, reason = 3,
   }
-  for name, value in pairs(fields or {}) do
-    record[name] = value
-  end
+  for name, value in pairs(fields or {}) do record[name] = value end
   return norvi.EncodeRecord(record)
 end
 
--- A fresh host store and log object, the clock standing at START_TICKS.
--- settings: extra host settings, set before the object is made.
+-- A fresh host store and log object, the clock standing at START_TICKS;
+-- settings are host settings made before the object.
 function analysis.fixture(settings)
   local fixture = { folder = support.tempdir() }
   norv.SetTicks(analysis.START_TICKS)
   fixture.dom = SLB.norv.Dom(":memory:")
   fixture.dom:SetSetting("norv.baseFolder", fixture.folder)
-  for key, value in pairs(settings or {}) do
-    fixture.dom:SetSetting(key, value)
-  end
+  for key, value in pairs(settings or {}) do fixture.dom:SetSetting(key, value) end
   fixture.log = SLB.vexil.LogData(fixture.dom)
   norvi.BlacklistRequests()
   norv.OperatorLog()
@@ -63,12 +54,10 @@ function analysis.fixture(settings)
     return self.log:WriteLogData(analysis.record(fields), "", config, "")
   end
 
-  -- The agent events as "number detail" texts.
+  -- The agent events since the last look, as "number detail" texts.
   function fixture:events()
     local texts = {}
-    for i, event in ipairs(self.dom:AgentEvents()) do
-      texts[i] = event.number .. " " .. event.detail
-    end
+    for i, event in ipairs(self.dom:AgentEvents()) do texts[i] = event.number .. " " .. event.detail end
     self.dom:ClearAgentEvents()
     return texts
   end
@@ -88,15 +77,13 @@ function analysis.fixture(settings)
   return fixture
 end
 
--- The messages of the trace lines of the category LogScan since the last
--- call that contain text (all of them without text).
+-- The messages of the LogScan trace lines since the last look that contain
+-- text (all of them without text).
 function analysis.scan_traces(text)
   local found = {}
   for _, line in ipairs(norv.TraceLines()) do
     local message = line:match("^LogScan %S+ %S+: (.*)$")
-    if message and (text == nil or message:find(text, 1, true)) then
-      found[#found + 1] = message
-    end
+    if message and (text == nil or message:find(text, 1, true)) then found[#found + 1] = message end
   end
   return found
 end

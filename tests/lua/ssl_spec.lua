@@ -13,8 +13,7 @@ local function path(name) return folder .. "/" .. name end
 -- The tools run without the sanitizer runtime that an instrumented build
 -- preloads into the interpreter.
 local function sh(command)
-    return os.execute("unset LD_PRELOAD; cd '" .. folder .. "' && (" .. command ..
-                      ") >/dev/null 2>&1")
+  return os.execute("unset LD_PRELOAD; cd '" .. folder .. "' && (" .. command .. ") >/dev/null 2>&1")
 end
 assert(sh("openssl genrsa -out key.pem 1024"))
 assert(sh("openssl req -x509 -new -key key.pem -subj /CN=spec -days 2 -out cert.pem"))
@@ -28,176 +27,150 @@ local secret = support.read(path("secret.bin"))
 local cipher = support.read(path("secret.ct"))
 
 local function credential(attributes)
-    local text = '<SSLCredential id="1"'
-    for name, value in pairs(attributes) do
-        text = text .. string.format(' %s="%s"', name, value)
-    end
-    return text .. "/>"
+  local text = '<SSLCredential id="1"'
+  for name, value in pairs(attributes) do
+    text = text .. string.format(' %s="%s"', name, value)
+  end
+  return text .. "/>"
 end
 
 local function u32(n)
-    return string.char(n % 256, math.floor(n / 256) % 256, math.floor(n / 65536) % 256,
-                       math.floor(n / 16777216) % 256)
-end
-local function header(preMasterLen, id, major, minor, tag)
-    return u32(preMasterLen) .. u32(id) .. u32(tag) .. string.rep("c", 52) .. u32(1) ..
-           string.char(major, minor) .. string.rep("\0", 10)
-end
-local function tagOf(response)
-    local b1, b2, b3, b4 = response:byte(9, 12)
-    return b1 + b2 * 256 + b3 * 65536 + b4 * 16777216
+  return string.char(n % 256, math.floor(n / 256) % 256, math.floor(n / 65536) % 256,
+                     math.floor(n / 16777216) % 256)
 end
 
--- Waits (up to a few seconds) for count responses, keyed by their tag.
-local function awaitResponses(count)
-    local byTag, seen = {}, 0
-    for _ = 1, 500 do
-        for _, response in ipairs(norvi.SslResponses()) do
-            byTag[tagOf(response)] = response
-            seen = seen + 1
-        end
-        if seen >= count then break end
-        os.execute("sleep 0.01")
+-- Submits an SSL 3.0 request for the host configuration id whose context
+-- begins with tag.
+local function submit(id, tag)
+  norvi.SubmitSslRequest(u32(#cipher) .. u32(id) .. u32(tag) .. string.rep("c", 52) .. u32(1) ..
+                         "\3\0" .. string.rep("\0", 10), cipher)
+end
+
+-- Waits (up to a few seconds) for count responses; the secrets by tag, an
+-- empty string for a failure.
+local function await_secrets(count)
+  local secrets, seen = {}, 0
+  for _ = 1, 500 do
+    for _, response in ipairs(norvi.SslResponses()) do
+      secrets[response:byte(9)] = response:sub(65, -9)
+      seen = seen + 1
     end
-    return byTag, seen
+    if seen >= count then break end
+    os.execute("sleep 0.01")
+  end
+  assert.equal(count, seen)
+  return secrets
 end
 
 describe("vexil.RSAKey", function()
-    local reasons = vexil.RSAKey.FailureReason
+  local reasons = vexil.RSAKey.FailureReason
 
-    it("has consecutive failure reasons and no constructor", function()
-        local names = { "BadIdentifierFormat", "IdentifierNotFound", "ImproperKeyUsage",
-                        "IncorrectPassphrase", "KeyNotFound", "UnableToLoadCredentials",
-                        "UnableToOpenContainer", "UnableToOpenFile", "UnsupportedCredentialType" }
-        for index, name in ipairs(names) do
-            assert.equal(579 + index, reasons[name])
-        end
-        assert.has_error(function() vexil.RSAKey() end)
-    end)
+  it("has consecutive failure reasons and no constructor", function()
+    local names = { "BadIdentifierFormat", "IdentifierNotFound", "ImproperKeyUsage",
+                    "IncorrectPassphrase", "KeyNotFound", "UnableToLoadCredentials",
+                    "UnableToOpenContainer", "UnableToOpenFile", "UnsupportedCredentialType" }
+    for index, name in ipairs(names) do
+      assert.equal(579 + index, reasons[name])
+    end
+    assert.has_error(function() vexil.RSAKey() end)
+  end)
 
-    it("gives a key that the script owns for good credentials", function()
-        local fromFile = vexil.RSAKey.Create(credential {
-            credentialType = "PEM", identifier = path("key.pem") })
-        assert.truthy(tostring(fromFile):find("^vexil::RSAKey: "))
-        local fromBlob = vexil.RSAKey.Create(credential {
-            credentialType = "P12", passphrase = "pw", identifier = "/nowhere",
-            credential = support.read(path("key.p12.b64")) })
-        assert.is_not_nil(fromBlob)
-        local encrypted = vexil.RSAKey.Create(credential {
-            credentialType = "PEM", identifier = path("enc.pem"), passphrase = "pw" })
-        assert.is_not_nil(encrypted)
-        fromFile, fromBlob, encrypted = nil, nil, nil
-        collectgarbage()
-        collectgarbage()
-    end)
+  it("gives a key that the script owns, or nil, the reason and its name", function()
+    local cases = {  -- the credential, the name of the failure
+      { { credentialType = "PEM", identifier = path("key.pem") } },
+      { { credentialType = "P12", passphrase = "pw", identifier = "/nowhere",
+          credential = support.read(path("key.p12.b64")) } },
+      { { credentialType = "PEM", identifier = path("enc.pem"), passphrase = "pw" } },
+      { { credentialType = "PEM", identifier = path("none.pem") }, "UnableToOpenFile" },
+      { { credentialType = "PEM", identifier = path("enc.pem") }, "IncorrectPassphrase" },
+      { { credentialType = "CAPI", identifier = "MY;00ff" }, "UnableToOpenContainer" },
+      { { identifier = path("key.pem") }, "UnsupportedCredentialType" },
+    }
+    for _, case in ipairs(cases) do
+      local key, reason, text = vexil.RSAKey.Create(credential(case[1]))
+      if case[2] then
+        assert.same({ nil, reasons[case[2]], case[2] }, { key, reason, text })
+      else
+        assert.truthy(tostring(key):find("^vexil::RSAKey: "))
+      end
+    end
+    collectgarbage()
+    collectgarbage()
+  end)
 
-    it("gives nil, the reason and its name otherwise", function()
-        local cases = {
-            { { credentialType = "PEM", identifier = path("none.pem") }, "UnableToOpenFile" },
-            { { credentialType = "PEM", identifier = path("enc.pem") }, "IncorrectPassphrase" },
-            { { credentialType = "P12", identifier = path("key.p12"), passphrase = "bad" },
-              "IncorrectPassphrase" },
-            { { credentialType = "CAPI", identifier = "MY;00ff" }, "UnableToOpenContainer" },
-            { { identifier = path("key.pem") }, "UnsupportedCredentialType" },
-        }
-        for _, case in ipairs(cases) do
-            local key, reason, text = vexil.RSAKey.Create(credential(case[1]))
-            assert.is_nil(key)
-            assert.equal(reasons[case[2]], reason)
-            assert.equal(case[2], text)
-        end
-    end)
-
-    it("answers 400 for text that is no credential, and checks its argument", function()
-        for _, text in ipairs { "", "<SSLCredential", "<SSLHostConfiguration id='1'/>",
-                                "not xml at all" } do
-            local key, reason, message = vexil.RSAKey.Create(text)
-            assert.is_nil(key)
-            assert.equal(400, reason)
-            assert.equal("XML parsing of <SSLCredential> failed", message)
-        end
-        assert.has_error(function() vexil.RSAKey.Create() end)
-        assert.has_error(function() vexil.RSAKey.Create({}) end)
-    end)
+  it("answers 400 for text that is no credential, and checks its argument", function()
+    for _, text in ipairs { "", "<SSLCredential", "<SSLHostConfiguration id='1'/>", "not xml" } do
+      assert.same({ nil, 400, "XML parsing of <SSLCredential> failed" },
+                  { vexil.RSAKey.Create(text) })
+    end
+    assert.has_error(function() vexil.RSAKey.Create() end)
+    assert.has_error(function() vexil.RSAKey.Create({}) end)
+  end)
 end)
 
 describe("vexil.SSLCertThread", function()
-    local configuration = [[
+  local configuration = [[
 <SecurityConfiguration>
   <SSLCredentials>
-    <SSLCredential id="3" name="spec key" credentialType="PEM" identifier="%s"/>
+    <SSLCredential id="3" credentialType="PEM" identifier="%s"/>
   </SSLCredentials>
   <SSLHostConfigurations>
-    <SSLHostConfiguration id="%d" name="spec host" sslCredentialId="3"/>
+    <SSLHostConfiguration id="%d" sslCredentialId="3"/>
   </SSLHostConfigurations>
 </SecurityConfiguration>]]
 
-    it("needs a Dom and has the thread methods of its bases", function()
-        assert.has_error(function() vexil.SSLCertThread() end)
-        assert.has_error(function() vexil.SSLCertThread({}) end)
-        local dom = SLB.norv.Dom(":memory:")
-        local thread = vexil.SSLCertThread(dom)
-        assert.is_false(thread:isRunning())
-        assert.is_false(thread:IsAlive())
-        thread:OnSecurityConfigurationChanged()
-        thread:StopThread("never started")
-        assert.has_error(function() thread:start(0, true) end)
-    end)
+  it("needs a Dom and has the thread methods of its bases", function()
+    assert.has_error(function() vexil.SSLCertThread() end)
+    assert.has_error(function() vexil.SSLCertThread({}) end)
+    local thread = vexil.SSLCertThread(SLB.norv.Dom(":memory:"))
+    assert.is_false(thread:isRunning())
+    assert.is_false(thread:IsAlive())
+    thread:OnSecurityConfigurationChanged()
+    thread:StopThread("never started")
+    assert.has_error(function() thread:start(0, true) end)
+  end)
 
-    it("serves requests between start and stop, and follows configuration changes", function()
-        norvi.SslResponses()
-        local dom = SLB.norv.Dom(":memory:")
-        dom:SetConfigXml(string.format(configuration, path("key.pem"), 7))
-        local thread = vexil.SSLCertThread(dom)
-        thread:start(0, true, 0)
-        assert.is_true(thread:isRunning())
+  it("serves requests between start and stop, and follows configuration changes", function()
+    norvi.SslResponses()
+    local dom = SLB.norv.Dom(":memory:")
+    dom:SetConfigXml(string.format(configuration, path("key.pem"), 7))
+    local thread = vexil.SSLCertThread(dom)
+    thread:start(0, true, 0)
+    assert.is_true(thread:isRunning())
+    submit(7, 1)
+    submit(8, 2)
+    assert.same({ secret, "" }, await_secrets(2))
+    -- The host configuration moves to id 8: the old id fails from now on.
+    dom:SetConfigXml(string.format(configuration, path("key.pem"), 8))
+    thread:OnSecurityConfigurationChanged()
+    submit(8, 1)
+    submit(7, 2)
+    assert.same({ secret, "" }, await_secrets(2))
 
-        norvi.SubmitSslRequest(header(#cipher, 7, 3, 0, 1), cipher)
-        norvi.SubmitSslRequest(header(#cipher + 2, 7, 3, 3, 2),
-                               string.char(0, #cipher) .. cipher)
-        norvi.SubmitSslRequest(header(#cipher, 8, 3, 0, 3), cipher)
-        local byTag, count = awaitResponses(3)
-        assert.equal(3, count)
-        assert.equal(secret, byTag[1]:sub(65, 64 + #secret))
-        assert.equal(64 + #secret + 8, #byTag[1])
-        assert.equal(secret, byTag[2]:sub(65, 64 + #secret))
-        assert.equal(72, #byTag[3])
+    thread:StopThread("ssl")
+    assert.is_false(thread:isRunning())
+    submit(8, 1)
+    os.execute("sleep 0.1")
+    assert.same({}, norvi.SslResponses())
+    norv.OperatorLog()
+  end)
 
-        -- The host configuration moves to id 8: the old id fails from now on.
-        dom:SetConfigXml(string.format(configuration, path("key.pem"), 8))
-        thread:OnSecurityConfigurationChanged()
-        norvi.SubmitSslRequest(header(#cipher, 8, 3, 0, 4), cipher)
-        norvi.SubmitSslRequest(header(#cipher, 7, 3, 0, 5), cipher)
-        byTag, count = awaitResponses(2)
-        assert.equal(2, count)
-        assert.equal(secret, byTag[4]:sub(65, 64 + #secret))
-        assert.equal(72, #byTag[5])
-
-        thread:StopThread("ssl")
-        assert.is_false(thread:isRunning())
-        norvi.SubmitSslRequest(header(#cipher, 8, 3, 0, 6), cipher)
-        os.execute("sleep 0.1")
-        assert.same({}, norvi.SslResponses())
-        norv.OperatorLog()
-    end)
-
-    it("stops its threads when the script lets go of a running service", function()
-        norv.SetTrace("norvp.vexil.SSLCertThread")
-        norv.TraceLines()
-        local dom = SLB.norv.Dom(":memory:")
-        local thread = vexil.SSLCertThread(dom)
-        thread:start(50, true, 0)
-        assert.is_true(thread:isRunning())
-        thread = nil
-        collectgarbage()
-        collectgarbage()
-        local exits = 0
-        for _, line in ipairs(norv.TraceLines()) do
-            if line:find("CSSLCertThread::OnExit()", 1, true) then exits = exits + 1 end
-        end
-        norv.SetTrace("")
-        assert.equal(1, exits)
-    end)
+  it("stops its threads when the script lets go of a running service", function()
+    norv.SetTrace("norvp.vexil.SSLCertThread")
+    norv.TraceLines()
+    local thread = vexil.SSLCertThread(SLB.norv.Dom(":memory:"))
+    thread:start(50, true, 0)
+    assert.is_true(thread:isRunning())
+    thread = nil
+    collectgarbage()
+    collectgarbage()
+    local exits = 0
+    for _, line in ipairs(norv.TraceLines()) do
+      if line:find("CSSLCertThread::OnExit()", 1, true) then exits = exits + 1 end
+    end
+    norv.SetTrace("")
+    assert.equal(1, exits)
+  end)
 end)
 
 teardown(function() support.remove(folder) end)

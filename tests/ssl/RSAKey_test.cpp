@@ -1,6 +1,5 @@
 // RSA private keys from credentials: every form that the openssl command line
-// makes, the failure reasons and their order, and decryption of ciphertexts
-// made by the command line.
+// makes, the failure reasons and their order, and decryption.
 #include <gtest/gtest.h>
 
 #include <openssl/err.h>
@@ -8,22 +7,22 @@
 #include <memory>
 #include <string>
 
-#include "host/Trace.h"
 #include "ssl/RSAKey.h"
 #include "ssl/SSLCredential.h"
 #include "tests/ssl/SslTestSupport.h"
 
 namespace {
 
+using ssltest::CountContaining;
 using ssltest::KeyMaterial;
 using VEXIL::CRSAKey;
-using VEXIL::CSSLCredential;
 
-const int kNoReason = 0;
-
-struct Outcome {
-    std::unique_ptr<CRSAKey> key;
-    int reason;
+struct Case {
+    const char* type;
+    std::string identifier;  // a file of the key material; a CAPI identifier as it stands
+    const char* passphrase;
+    std::string blob;
+    int reason;  // 0 for a key
 };
 
 class RSAKeyTest : public testing::Test {
@@ -42,21 +41,22 @@ protected:
 
     static const KeyMaterial& Keys() { return KeyMaterial::Get(); }
 
-    static Outcome Load(const wxString& type, const std::string& file,
-                        const wxString& passphrase = wxString(), const std::string& blob = "") {
-        CSSLCredential credential;
-        credential.m_CredentialType = type;
-        credential.m_Identifier = file.empty() ? wxString() : wxString(Keys().Path(file));
-        credential.m_Passphrase = passphrase;
-        credential.m_Credential = wxString::FromUTF8(blob.c_str());
-        CRSAKey::FailureReason reason = static_cast<CRSAKey::FailureReason>(kNoReason);
-        Outcome outcome{std::unique_ptr<CRSAKey>(CRSAKey::Create(credential, &reason)), reason};
-        return outcome;
+    // The key, and the reason stored (0 when none was).
+    static std::unique_ptr<CRSAKey> Load(const Case& c, int& reason) {
+        VEXIL::CSSLCredential credential;
+        credential.m_CredentialType = c.type;
+        credential.m_Identifier = c.identifier.empty() || credential.m_CredentialType == "CAPI"
+                                      ? wxString(c.identifier)
+                                      : wxString(Keys().Path(c.identifier));
+        credential.m_Passphrase = c.passphrase;
+        credential.m_Credential = wxString::FromUTF8(c.blob.c_str());
+        CRSAKey::FailureReason failure = static_cast<CRSAKey::FailureReason>(0);
+        std::unique_ptr<CRSAKey> key(CRSAKey::Create(credential, &failure));
+        reason = failure;
+        return key;
     }
 
-    // Decrypts the ciphertext made under key ("key" or "key2").
-    static std::string Decrypt(CRSAKey& key, const std::string& cipherOf) {
-        const std::string cipher = Keys().Cipher(cipherOf);
+    static std::string Decrypt(CRSAKey& key, const std::string& cipher) {
         unsigned char plain[1024];
         size_t length = 99;
         if (!key.Decrypt(cipher.size(), cipher.data(), plain, sizeof plain, &length)) {
@@ -67,168 +67,114 @@ protected:
     }
 };
 
-TEST_F(RSAKeyTest, EveryFileFormLoadsAndDecrypts) {
-    struct Case {
-        const char* type;
-        const char* file;
-        const char* passphrase;
-    } cases[] = {
-        {"PEM", "key.pem", ""},          {"PEM", "keycert.pem", ""},
-        {"PEM", "certkey.pem", ""},      {"PEM", "trad.pem", "s3cret"},
-        {"PEM", "pkcs8.pem", "s3cret"},  {"P12", "modern.p12", "s3cret"},
-        {"P12", "legacy.p12", "s3cret"}, {"PEM", "key.pem", "unused for a clear key"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.type) + " " + c.file);
-        Outcome outcome = Load(c.type, c.file, c.passphrase);
-        ASSERT_NE(nullptr, outcome.key);
-        EXPECT_EQ(kNoReason, outcome.reason) << "nothing is stored for a key";
-        EXPECT_EQ(Keys().Secret(), Decrypt(*outcome.key, "key"));
-    }
-}
-
-TEST_F(RSAKeyTest, Base64BlobsTakePrecedenceOverTheIdentifier) {
-    // The identifier names a file that does not exist: with a blob it is
-    // never opened.
-    struct Case {
-        const char* type;
-        const char* blobOf;
-        const char* passphrase;
-    } cases[] = {
-        {"PEM", "key.pem", ""},          {"PEM", "keycert.pem", ""},
-        {"PEM", "pkcs8.pem", "s3cret"},  {"P12", "modern.p12", "s3cret"},
-        {"P12", "legacy.p12", "s3cret"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.blobOf);
-        Outcome outcome = Load(c.type, "no-such-file", c.passphrase, Keys().Base64(c.blobOf));
-        ASSERT_NE(nullptr, outcome.key);
-        EXPECT_EQ(Keys().Secret(), Decrypt(*outcome.key, "key"));
-    }
-    Outcome empty = Load("PEM", "", "", Keys().Base64("key.pem"));
-    EXPECT_NE(nullptr, empty.key);
-
+TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
     // The filter expects one line: a blob broken into lines doesn't parse.
     std::string wrapped = Keys().Base64("key.pem");
     for (size_t at = 64; at < wrapped.size(); at += 65) {
         wrapped.insert(at, "\n");
     }
-    Outcome broken = Load("PEM", "", "", wrapped);
-    EXPECT_EQ(nullptr, broken.key);
-    EXPECT_EQ(CRSAKey::UnableToLoadCredentials, broken.reason);
-    Outcome garbage = Load("P12", "", "", "bm90IGEga2V5");
-    EXPECT_EQ(CRSAKey::UnableToLoadCredentials, garbage.reason);
-}
-
-TEST_F(RSAKeyTest, WrongOrMissingPassphrasesAreReportedAsSuch) {
-    struct Case {
-        const char* type;
-        const char* file;
-        const char* passphrase;
-    } cases[] = {
-        {"PEM", "trad.pem", "wrong"}, {"PEM", "trad.pem", ""},    {"PEM", "pkcs8.pem", "wrong"},
-        {"PEM", "pkcs8.pem", ""},     {"P12", "modern.p12", "x"}, {"P12", "legacy.p12", ""},
+    // With a blob the identifier is never opened, whatever it names.
+    const Case cases[] = {
+        {"PEM", "key.pem", "", "", 0},
+        {"PEM", "keycert.pem", "", "", 0},  // the key before the certificate
+        {"PEM", "trad.pem", "s3cret", "", 0},
+        {"PEM", "pkcs8.pem", "s3cret", "", 0},
+        {"P12", "modern.p12", "s3cret", "", 0},
+        {"P12", "legacy.p12", "s3cret", "", 0},
+        {"PEM", "key.pem", "unused for a clear key", "", 0},
+        {"PEM", "no-such-file", "", Keys().Base64("key.pem"), 0},
+        {"PEM", "no-such-file", "", Keys().Base64("keycert.pem"), 0},
+        {"PEM", "", "s3cret", Keys().Base64("pkcs8.pem"), 0},
+        {"P12", "no-such-file", "s3cret", Keys().Base64("modern.p12"), 0},
+        {"P12", "", "s3cret", Keys().Base64("legacy.p12"), 0},
+        {"PEM", "trad.pem", "wrong", "", CRSAKey::IncorrectPassphrase},
+        {"PEM", "trad.pem", "", "", CRSAKey::IncorrectPassphrase},  // and no prompt
+        {"PEM", "pkcs8.pem", "wrong", "", CRSAKey::IncorrectPassphrase},
+        {"PEM", "pkcs8.pem", "", "", CRSAKey::IncorrectPassphrase},
+        {"P12", "modern.p12", "x", "", CRSAKey::IncorrectPassphrase},
+        {"P12", "legacy.p12", "", "", CRSAKey::IncorrectPassphrase},
+        {"PEM", "", "wrong", Keys().Base64("pkcs8.pem"), CRSAKey::IncorrectPassphrase},
+        {"PEM", "missing.pem", "", "", CRSAKey::UnableToOpenFile},
+        {"P12", "missing.p12", "", "", CRSAKey::UnableToOpenFile},
+        {"PEM", "cert.pem", "", "", CRSAKey::UnableToLoadCredentials},  // no key
+        {"P12", "corrupt.p12", "s3cret", "", CRSAKey::UnableToLoadCredentials},
+        {"P12", "key.pem", "", "", CRSAKey::UnableToLoadCredentials},
+        {"PEM", "", "", wrapped, CRSAKey::UnableToLoadCredentials},
+        {"P12", "", "", "bm90IGEga2V5", CRSAKey::UnableToLoadCredentials},
+        // A certificate that forbids key encipherment, before the key is looked at.
+        {"PEM", "signonly.pem", "", "", CRSAKey::ImproperKeyUsage},
+        {"PEM", "ec.pem", "", "", CRSAKey::KeyNotFound},
+        {"pem", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
+        {"", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
+        // The store kind checks the identifier's form, then finds no store here.
+        {"CAPI", ";ab12", "", "", CRSAKey::BadIdentifierFormat},
+        {"CAPI", "MY", "", "", CRSAKey::BadIdentifierFormat},
+        {"CAPI", "", "", "", CRSAKey::BadIdentifierFormat},
+        {"CAPI", "MY;", "", "", CRSAKey::UnableToOpenContainer},
+        {"CAPI", "MY;00ff", "", "", CRSAKey::UnableToOpenContainer},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.file) + " with '" + c.passphrase + "'");
-        Outcome outcome = Load(c.type, c.file, c.passphrase);
-        EXPECT_EQ(nullptr, outcome.key);
-        EXPECT_EQ(CRSAKey::IncorrectPassphrase, outcome.reason);
+        SCOPED_TRACE(std::string(c.type) + " " + c.identifier + " '" + c.passphrase + "' " +
+                     c.blob.substr(0, 20));
+        int reason = -1;
+        std::unique_ptr<CRSAKey> key = Load(c, reason);
+        EXPECT_EQ(c.reason, reason);
+        ASSERT_EQ(c.reason == 0, key != nullptr);
+        if (key != nullptr) {
+            EXPECT_EQ(Keys().Secret(), Decrypt(*key, Keys().Cipher("key")));
+        }
     }
-    Outcome blob = Load("PEM", "", "wrong", Keys().Base64("pkcs8.pem"));
-    EXPECT_EQ(CRSAKey::IncorrectPassphrase, blob.reason);
+    // Without a place for the reason the call still fails cleanly.
+    VEXIL::CSSLCredential capi;
+    capi.m_CredentialType = wxS("CAPI");
+    EXPECT_EQ(nullptr, CRSAKey::Create(capi, nullptr));
 
     // About one wrong passphrase in 256 decrypts to valid padding and fails
     // only when the key is decoded: still a wrong passphrase.
     int others = 0;
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        const Outcome outcome = Load("PEM", "trad.pem", wxString::Format("guess%d", attempt));
-        others += outcome.reason != CRSAKey::IncorrectPassphrase ? 1 : 0;
+        const std::string guess = "guess" + std::to_string(attempt);
+        int reason = 0;
+        Load(Case{"PEM", "trad.pem", guess.c_str(), "", 0}, reason);
+        others += reason != CRSAKey::IncorrectPassphrase ? 1 : 0;
     }
     EXPECT_EQ(0, others);
 }
 
-TEST_F(RSAKeyTest, FailureReasonsFollowTheOrderOfTheChecks) {
-    EXPECT_EQ(CRSAKey::UnableToOpenFile, Load("PEM", "missing.pem").reason);
-    EXPECT_EQ(CRSAKey::UnableToOpenFile, Load("P12", "missing.p12").reason);
-    // A certificate alone: the key is what is missing, at parse level.
-    EXPECT_EQ(CRSAKey::UnableToLoadCredentials, Load("PEM", "cert.pem").reason);
-    EXPECT_EQ(CRSAKey::UnableToLoadCredentials, Load("P12", "corrupt.p12", "s3cret").reason);
-    EXPECT_EQ(CRSAKey::UnableToLoadCredentials, Load("P12", "key.pem").reason);
-    // A certificate that forbids key encipherment, before the key is looked at.
-    EXPECT_EQ(CRSAKey::ImproperKeyUsage, Load("PEM", "signonly.pem").reason);
-    EXPECT_EQ(CRSAKey::KeyNotFound, Load("PEM", "ec.pem").reason);
-
-    // Types are compared exactly; an absent type is unsupported too.
-    EXPECT_EQ(CRSAKey::UnsupportedCredentialType, Load("pem", "key.pem").reason);
-    EXPECT_EQ(CRSAKey::UnsupportedCredentialType, Load("", "key.pem").reason);
-
-    // The store kind checks the identifier's form, then finds no store here.
-    CSSLCredential capi;
-    capi.m_CredentialType = wxS("CAPI");
-    CRSAKey::FailureReason reason = CRSAKey::KeyNotFound;
-    for (const wchar_t* identifier : {L";ab12", L"MY", L""}) {
-        capi.m_Identifier = identifier;
-        EXPECT_EQ(nullptr, CRSAKey::Create(capi, &reason));
-        EXPECT_EQ(CRSAKey::BadIdentifierFormat, reason) << identifier;
-    }
-    for (const wchar_t* identifier : {L"MY;", L"MY;00ff"}) {
-        capi.m_Identifier = identifier;
-        EXPECT_EQ(nullptr, CRSAKey::Create(capi, &reason));
-        EXPECT_EQ(CRSAKey::UnableToOpenContainer, reason) << identifier;
-    }
-    // Without a place for the reason the call still fails cleanly.
-    EXPECT_EQ(nullptr, CRSAKey::Create(capi, nullptr));
-}
-
 TEST_F(RSAKeyTest, TracesNameTheFailingStepButNeverThePassphrase) {
-    const wxString passphrase = wxS("Do-Not-Log-Me");
-    Load("PEM", "pkcs8.pem", passphrase);
-    Load("P12", "modern.p12", passphrase);
-    Load("CAPI", "", passphrase);
+    int reason = 0;
+    for (const Case& c : {Case{"PEM", "pkcs8.pem", "Do-Not-Log-Me", "", 0},
+                          Case{"P12", "modern.p12", "Do-Not-Log-Me", "", 0},
+                          Case{"CAPI", "", "Do-Not-Log-Me", "", 0}}) {
+        Load(c, reason);
+    }
     const std::vector<std::string> lines = NorvCore::TakeTraceLines();
     // Each per-error line names the loading function itself, not a helper.
-    const size_t pemLines = ssltest::CountContaining(lines, "PEM_read_bio_PrivateKey: ");
-    const size_t p12Lines = ssltest::CountContaining(lines, "PKCS12_parse: ");
-    EXPECT_GT(pemLines, 0u);
-    EXPECT_GT(p12Lines, 0u);
-    EXPECT_EQ(pemLines, ssltest::CountContaining(lines,
-                                                 " VEXIL::CRSAOpenSSLKey::Create: CRSAOpenSSLKey::"
-                                                 "Create() - PEM_read_bio_PrivateKey: "));
-    EXPECT_EQ(p12Lines, ssltest::CountContaining(lines,
-                                                 " VEXIL::CRSAOpenSSLKey::Create: CRSAOpenSSLKey::"
-                                                 "Create() - PKCS12_parse: "));
-    EXPECT_EQ(1u, ssltest::CountContaining(lines, "CRSACryptoAPIKey::Create() - bad identifier"));
-    EXPECT_EQ(0u, ssltest::CountContaining(lines, "Do-Not-Log-Me"));
-    EXPECT_EQ(0u, ssltest::CountContaining(NorvCore::TakeOperatorLogLines(), "Do-Not-Log-Me"));
+    for (const char* step : {"PEM_read_bio_PrivateKey: ", "PKCS12_parse: "}) {
+        const size_t count = CountContaining(lines, step);
+        EXPECT_GT(count, 0u) << step;
+        EXPECT_EQ(count, CountContaining(lines, std::string(" VEXIL::CRSAOpenSSLKey::Create: "
+                                                            "CRSAOpenSSLKey::Create() - ") +
+                                                    step));
+    }
+    EXPECT_EQ(1u, CountContaining(lines, "CRSACryptoAPIKey::Create() - bad identifier"));
+    EXPECT_EQ(0u, CountContaining(lines, "Do-Not-Log-Me"));
+    EXPECT_EQ(0u, CountContaining(NorvCore::TakeOperatorLogLines(), "Do-Not-Log-Me"));
 
-    Load("rsa", "key.pem");
-    EXPECT_EQ(1u,
-              ssltest::CountContaining(NorvCore::TakeTraceLines(),
-                                       "CRSAKey::Create() - unsupported credential type 'rsa'"));
+    Load(Case{"rsa", "key.pem", "", "", 0}, reason);
+    EXPECT_EQ(1u, CountContaining(NorvCore::TakeTraceLines(),
+                                  "CRSAKey::Create() - unsupported credential type 'rsa'"));
 }
 
-TEST_F(RSAKeyTest, DecryptRefusesCiphertextOfAnotherKey) {
-    Outcome outcome = Load("PEM", "key.pem");
-    ASSERT_NE(nullptr, outcome.key);
-    EXPECT_EQ("<failed>", Decrypt(*outcome.key, "key2"));
-    // One error line per error that OpenSSL queued.
-    EXPECT_GT(ssltest::CountContaining(NorvCore::TakeOperatorLogLines(),
-                                       "CRSAOpenSSLKey::Decrypt() RSA_private_decrypt: "),
-              0u);
-    // The key works on after a failure, and a second key is independent.
-    EXPECT_EQ(Keys().Secret(), Decrypt(*outcome.key, "key"));
-    Outcome second = Load("PEM", "key2.pem");
-    ASSERT_NE(nullptr, second.key);
-    EXPECT_EQ(Keys().Secret(), Decrypt(*second.key, "key2"));
-
-    unsigned char plain[1024];
-    size_t length = 5;
-    const std::string cipher = Keys().Cipher("key");
-    EXPECT_FALSE(
-        outcome.key->Decrypt(cipher.size() - 1, cipher.data(), plain, sizeof plain, &length));
-    EXPECT_EQ(0u, length);
-    NorvCore::TakeOperatorLogLines();
+TEST_F(RSAKeyTest, DecryptRefusesCiphertextOfAnotherKeyAndWorksOn) {
+    int reason = 0;
+    std::unique_ptr<CRSAKey> key = Load(Case{"PEM", "key.pem", "", "", 0}, reason);
+    ASSERT_NE(nullptr, key);
+    EXPECT_EQ("<failed>", Decrypt(*key, Keys().Cipher("key2")));
+    EXPECT_EQ("<failed>", Decrypt(*key, Keys().Cipher("key").substr(1)));
+    EXPECT_LE(2u, CountContaining(NorvCore::TakeOperatorLogLines(),
+                                  "CRSAOpenSSLKey::Decrypt() RSA_private_decrypt: "));
+    EXPECT_EQ(Keys().Secret(), Decrypt(*key, Keys().Cipher("key")));
 }
 
 TEST(RSAKeyNames, EveryReasonHasItsName) {
@@ -242,7 +188,7 @@ TEST(RSAKeyNames, EveryReasonHasItsName) {
     }
     NorvCore::TakeOperatorLogLines();
     EXPECT_EQ("Unknown", CRSAKey::toString(static_cast<CRSAKey::FailureReason>(579)));
-    EXPECT_EQ(1u, ssltest::CountContaining(NorvCore::TakeOperatorLogLines(), "Assertion"));
+    EXPECT_EQ(1u, CountContaining(NorvCore::TakeOperatorLogLines(), "Assertion"));
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
-// Test material of the SSL key service: key files made by the openssl
-// command line in a temporary folder, ciphertexts made the same way, request
-// headers, and the driver stand-in's controls (libnorvi.so of this build).
+// Test material of the SSL key service: key files and ciphertexts made by the
+// openssl command line, request headers, and the driver stand-in's controls.
 #pragma once
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -13,12 +11,14 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "host/Dom.h"
 #include "host/NorviLoader.h"
+#include "host/Ticks.h"
+#include "host/Trace.h"
 #include "host/norvi.h"
 #include "host/norvi/driver/NorviControl.h"
 #include "tests/TempFolder.h"
@@ -41,19 +41,8 @@ inline std::string ReadFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
-inline void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream file(path, std::ios::binary);
-    file << bytes;
-}
-
-// Runs a shell command quietly; true when it succeeded.
-inline bool Run(const std::string& command) {
-    return std::system(("(" + command + ") >/dev/null 2>&1").c_str()) == 0;
-}
-
-// The key material of a test program, made once in a folder of its own:
 // RSA keys of 1024 bits (small, so that tests stay quick) in every form the
-// service reads, and ciphertexts of known secrets under them.
+// service reads, and ciphertexts of one known secret, made once per program.
 class KeyMaterial {
 public:
     static const KeyMaterial& Get() {
@@ -63,12 +52,11 @@ public:
 
     std::string Path(const std::string& name) const { return m_Folder.Path() + "/" + name; }
     bool Ok() const { return m_Ok; }
-
-    // The secret and its PKCS#1 v1.5 ciphertext under key "key" or "key2".
     const std::string& Secret() const { return m_Secret; }
+    // The PKCS#1 v1.5 ciphertext of Secret() under "key" or "key2".
     std::string Cipher(const std::string& key) const { return ReadFile(Path(key + ".ct")); }
-    // The whole file (key.pem, keycert.pem, pkcs8.pem, modern.p12 or
-    // legacy.p12) as base64 on one line, as a credential blob.
+    // key.pem, keycert.pem, pkcs8.pem, modern.p12 or legacy.p12 as base64 on
+    // one line, as a credential blob.
     std::string Base64(const std::string& name) const { return ReadFile(Path(name + ".b64")); }
 
 private:
@@ -76,8 +64,7 @@ private:
         for (size_t index = 0; index < m_Secret.size(); ++index) {
             m_Secret[index] = static_cast<char>(0x03 + index * 7);
         }
-        WriteFile(Path("secret.bin"), m_Secret);
-        const std::string in = "cd '" + m_Folder.Path() + "' && ";
+        std::ofstream(Path("secret.bin"), std::ios::binary) << m_Secret;
         const char* const steps[] = {
             "openssl genrsa -out key.pem 1024",
             "openssl genrsa -out key2.pem 1024",
@@ -85,7 +72,6 @@ private:
             "openssl req -x509 -new -key key.pem -subj /CN=vexil -days 2 "
             "-addext keyUsage=digitalSignature -out signcert.pem",
             "cat key.pem cert.pem > keycert.pem",
-            "cat cert.pem key.pem > certkey.pem",
             "cat signcert.pem key.pem > signonly.pem",
             "openssl rsa -in key.pem -aes128 -traditional -passout pass:s3cret -out trad.pem",
             "openssl pkcs8 -topk8 -in key.pem -passout pass:s3cret -out pkcs8.pem",
@@ -102,7 +88,9 @@ private:
         };
         m_Ok = !m_Folder.Path().empty();
         for (const char* step : steps) {
-            m_Ok = m_Ok && Run(in + step);
+            const std::string command =
+                "(cd '" + m_Folder.Path() + "' && " + step + ") >/dev/null 2>&1";
+            m_Ok = m_Ok && std::system(command.c_str()) == 0;
         }
     }
 
@@ -111,23 +99,19 @@ private:
     bool m_Ok = false;
 };
 
-// An 80-byte request header; the context is filled with tag and numbered
-// bytes, so that each request can be told apart in its response.
+// An 80-byte request header. The context holds numbered bytes with the tag
+// in front, so that each request can be told apart in its response.
 inline Bytes Header(uint32_t preMasterLen, uint32_t configurationId, uint8_t major, uint8_t minor,
                     uint32_t tag = 0, uint32_t keyExchange = 1) {
     Bytes header(NORVI_SSL_HEADER_SIZE, 0xEE);
-    auto put32 = [&header](size_t offset, uint32_t value) {
-        for (size_t index = 0; index < 4; ++index) {
-            header[offset + index] = static_cast<unsigned char>(value >> (8 * index));
-        }
-    };
-    put32(0, preMasterLen);
-    put32(4, configurationId);
     for (size_t index = 8; index < 64; ++index) {
         header[index] = static_cast<unsigned char>(index);
     }
-    put32(8, tag);
-    put32(64, keyExchange);
+    const uint32_t words[][2] = {
+        {0, preMasterLen}, {4, configurationId}, {8, tag}, {64, keyExchange}};
+    for (const auto& word : words) {
+        std::memcpy(&header[word[0]], &word[1], 4);  // the wire and this host are little-endian
+    }
     header[68] = major;
     header[69] = minor;
     return header;
@@ -135,10 +119,7 @@ inline Bytes Header(uint32_t preMasterLen, uint32_t configurationId, uint8_t maj
 
 // The TLS form of a ciphertext: two length bytes in front.
 inline std::string Tls(const std::string& cipher) {
-    std::string field(2, '\0');
-    field[0] = static_cast<char>(cipher.size() >> 8);
-    field[1] = static_cast<char>(cipher.size() & 0xFF);
-    return field + cipher;
+    return std::string{char(cipher.size() >> 8), char(cipher.size() & 0xFF)} + cipher;
 }
 
 inline void Submit(const Bytes& header, const std::string& data) {
@@ -151,53 +132,46 @@ struct Response {
     Bytes bytes;
     norvi_handle_t sender;
 
-    uint32_t DecryptedLen() const {
-        return bytes.size() < 4 ? 0
-                                : bytes[0] | bytes[1] << 8 | bytes[2] << 16 |
-                                      static_cast<uint32_t>(bytes[3]) << 24;
+    uint32_t Word(size_t offset) const {
+        uint32_t value = 0;
+        if (offset + 4 <= bytes.size()) {
+            std::memcpy(&value, &bytes[offset], 4);
+        }
+        return value;
     }
-    uint32_t Tag() const {
-        return bytes.size() < 12 ? 0
-                                 : bytes[8] | bytes[9] << 8 | bytes[10] << 16 |
-                                       static_cast<uint32_t>(bytes[11]) << 24;
-    }
+    uint32_t DecryptedLen() const { return Word(0); }
+    uint32_t Tag() const { return Word(8); }
     std::string Secret() const {
         return bytes.size() < 72 ? std::string() : std::string(bytes.begin() + 64, bytes.end() - 8);
     }
 };
 
-// The responses sent so far, oldest first.
-inline std::vector<Response> TakeResponses() {
-    std::vector<Response> responses;
+// Appends the responses sent so far to collected, oldest first, and waits
+// for more until it holds count or the time runs out.
+inline std::vector<Response>& AwaitResponses(
+    std::vector<Response>& collected, size_t count = 0,
+    std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     for (;;) {
         Response response{Bytes(2048), nullptr};
         const long size = SSL_CONTROL(norvi_test_take_ssl_response)(
             response.bytes.data(), response.bytes.size(), &response.sender);
-        if (size < 0) {
-            return responses;
+        if (size >= 0) {
+            response.bytes.resize(static_cast<size_t>(size));
+            collected.push_back(response);
+        } else if (collected.size() >= count || std::chrono::steady_clock::now() > deadline) {
+            return collected;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        response.bytes.resize(static_cast<size_t>(size));
-        responses.push_back(response);
     }
 }
 
-// Waits until at least count responses (counting those in collected) have
-// come, or until the time runs out; what came is appended to collected.
-inline void AwaitResponses(std::vector<Response>& collected, size_t count,
-                           std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        for (Response& response : TakeResponses()) {
-            collected.push_back(std::move(response));
-        }
-        if (collected.size() >= count || std::chrono::steady_clock::now() > deadline) {
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+inline std::vector<Response> TakeResponses() {
+    std::vector<Response> responses;
+    return AwaitResponses(responses);
 }
 
-// Lines of lines that contain text.
 inline size_t CountContaining(const std::vector<std::string>& lines, const std::string& text) {
     size_t count = 0;
     for (const std::string& line : lines) {
@@ -205,5 +179,30 @@ inline size_t CountContaining(const std::vector<std::string>& lines, const std::
     }
     return count;
 }
+
+// A fresh driver stand-in and trace state for each test; every handle that
+// the test opened must be closed again at its end.
+class DriverTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(0, kLibraryChosen);
+        ASSERT_NE(nullptr, SSL_CONTROL(norvi_test_reset));
+        SSL_CONTROL(norvi_test_reset)();
+        m_HandlesBefore = OpenHandles();
+        NorvCore::SetTraceCategories("norvp.vexil.SSLCertThread");
+        NorvCore::TakeTraceLines();
+        NorvCore::TakeOperatorLogLines();
+    }
+    void TearDown() override {
+        EXPECT_EQ(m_HandlesBefore, OpenHandles());
+        SSL_CONTROL(norvi_test_reset)();
+        NorvCore::UseRealTicks();
+        NorvCore::SetTraceCategories("");
+    }
+    static size_t OpenHandles() { return SSL_CONTROL(norvi_test_open_handles)(); }
+
+    NorvCore::CDom m_Dom{":memory:"};
+    size_t m_HandlesBefore = 0;
+};
 
 }  // namespace ssltest
