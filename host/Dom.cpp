@@ -208,13 +208,6 @@ bool CDom::Set(const std::string& key, const std::string& value) {
            statement.Step() == SQLITE_DONE;
 }
 
-bool CDom::Remove(const std::string& key) {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
-    CStatement statement(m_Db, "DELETE FROM settings WHERE key = ?1");
-    return statement.Ok() && statement.Bind(1, key) && statement.Step() == SQLITE_DONE &&
-           sqlite3_changes(m_Db) > 0;
-}
-
 wxString CDom::GetWxString(const wxString& key) const {
     const std::string text = Get(ToUtf8(key));
     return wxString::FromUTF8(text.data(), text.size());

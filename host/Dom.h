@@ -53,8 +53,6 @@ public:
     bool Set(const std::string& key, i64 value);
     bool Set(const std::string& key, bool value);
     bool Set(const std::string& key, const std::string& value);
-    // True when the key was there and is now gone.
-    bool Remove(const std::string& key);
     wxString GetWxString(const wxString& key) const;
 
     // The base folder that stands where the agent keeps its data (log files

@@ -121,6 +121,39 @@ TEST_F(DomTest, ConditionsCountRaisesAndShouldExitWaitsItsTime) {
     EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(29));
 }
 
+TEST_F(DomTest, WaitersWakeOnARaiseOrTheExitRequest) {
+    using Clock = std::chrono::steady_clock;
+    NorvCore::CDom dom(":memory:");
+    std::thread raiser([&dom] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom.ConditionRaise("other");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom.ConditionRaise("c");
+    });
+    auto before = Clock::now();
+    EXPECT_TRUE(dom.ConditionWait("c", 0, 60000));
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
+    raiser.join();
+    // Already moved past lastSeen: no wait at all.
+    EXPECT_TRUE(dom.ConditionWait("c", 0, 60000));
+
+    std::thread requester([&dom] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        dom.RequestExit();
+    });
+    bool woken = false;
+    before = Clock::now();
+    EXPECT_TRUE(dom.ShouldExit(60000, &woken));
+    EXPECT_TRUE(woken);
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
+    requester.join();
+    // Set once, the request answers at once, and ends condition waits too.
+    EXPECT_TRUE(dom.ShouldExit(60000, nullptr));
+    before = Clock::now();
+    EXPECT_FALSE(dom.ConditionWait("never", 0, 60000));
+    EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
+}
+
 TEST_F(DomTest, EventsGoToTheNewestLiveDomAndTheOperatorLog) {
     NorvCore::CDom::DoLogAgentEvent(0, 3300, L"%.128s", "nobody");
     EXPECT_EQ(NorvCore::TakeOperatorLogLines(),
