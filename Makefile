@@ -47,7 +47,7 @@ check: test test-asan test-tsan
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
-	$(CMAKE) --build build-bench -j $(JOBS)
+	$(CMAKE) --build build-bench -j $(JOBS) --target vexil_bench
 	cd build-bench && ./vexil_bench
 
 format:
