@@ -131,6 +131,7 @@ CDom::~CDom() {
         doms.erase(std::remove(doms.begin(), doms.end(), this), doms.end());
     }
     std::lock_guard<std::mutex> guard(m_StoreLock);
+    sqlite3_finalize(m_GetStatement);
     sqlite3_close(m_Db);
     m_Db = nullptr;
 }
@@ -156,11 +157,31 @@ bool CDom::Exec(const char* sql) const {
 
 std::string CDom::Get(const std::string& key) const {
     std::lock_guard<std::mutex> guard(m_StoreLock);
-    CStatement statement(m_Db, "SELECT value FROM settings WHERE key = ?1");
-    if (!statement.Ok() || !statement.Bind(1, key) || statement.Step() != SQLITE_ROW) {
+    // Settings are read per record and per syslog message: the statement is
+    // prepared once and reused.
+    if (m_GetStatement == nullptr && m_Db != nullptr &&
+        sqlite3_prepare_v3(m_Db, "SELECT value FROM settings WHERE key = ?1", -1,
+                           SQLITE_PREPARE_PERSISTENT, &m_GetStatement, nullptr) != SQLITE_OK) {
+        wxLogError("Host store statement failed: %s", sqlite3_errmsg(m_Db));
+        sqlite3_finalize(m_GetStatement);
+        m_GetStatement = nullptr;
+    }
+    if (m_GetStatement == nullptr) {
         return std::string();
     }
-    return statement.Text(0);
+    std::string value;
+    if (sqlite3_bind_text(m_GetStatement, 1, key.data(), static_cast<int>(key.size()),
+                          SQLITE_STATIC) == SQLITE_OK &&
+        sqlite3_step(m_GetStatement) == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(m_GetStatement, 0);
+        const int length = sqlite3_column_bytes(m_GetStatement, 0);
+        if (text != nullptr) {
+            value.assign(reinterpret_cast<const char*>(text), static_cast<size_t>(length));
+        }
+    }
+    sqlite3_reset(m_GetStatement);
+    sqlite3_clear_bindings(m_GetStatement);
+    return value;
 }
 
 bool CDom::Get(const std::string& key, i64& value) const {

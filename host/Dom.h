@@ -22,6 +22,7 @@
 #include "host/Types.h"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace NorvCore {
 
@@ -106,8 +107,9 @@ private:
     bool Exec(const char* sql) const;
     void StoreEvent(int number, const wxString& detail);
 
-    mutable std::mutex m_StoreLock;  // guards m_Db and m_ConfigXml
+    mutable std::mutex m_StoreLock;  // guards m_Db, m_GetStatement and m_ConfigXml
     sqlite3* m_Db = nullptr;
+    mutable sqlite3_stmt* m_GetStatement = nullptr;  // prepared once by Get
     wxString m_ConfigXml;
 
     mutable std::mutex m_ConditionLock;  // guards m_Conditions and m_ExitRequested
