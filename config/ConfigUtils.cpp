@@ -39,6 +39,26 @@ struct EntryQuery {
     EntryStage stage;
 };
 
+// Traces why query found no entry, with mapTrace when the map is missing and
+// the text that entryTrace() makes when the entry is; true when it was read.
+template <typename EntryTrace>
+bool EntryFound(const EntryQuery& query, const char* mapTrace, EntryTrace entryTrace) {
+    switch (query.stage) {
+        case kNoConfig:
+            NORV_TRACE(L"vexil", "Could not get config map");
+            return false;
+        case kNoMap:
+            NORV_TRACE(L"vexil", mapTrace);
+            return false;
+        case kNoEntry:
+            NORV_TRACE(L"vexil", entryTrace());
+            return false;
+        case kEntryRead:
+            break;
+    }
+    return true;
+}
+
 // Reader: configuration at 1, EntryQuery at 2. Returns the fields in order:
 // text fields as string or nil, the others as they stand.
 int ReadEntry(lua_State* L) {
@@ -240,18 +260,13 @@ bool ConfigUtils::getPacketFilterInfo(u32 id, wxString& name, u32& action) const
     if (!ReadOrTrace(ReadEntry, &query, 2)) {
         return false;
     }
-    bool found = false;
-    if (query.stage == kNoConfig) {
-        NORV_TRACE(L"vexil", "Could not get config map");
-    } else if (query.stage == kNoMap) {
-        NORV_TRACE(L"vexil", "Could not get packetFilterMap");
-    } else if (query.stage == kNoEntry) {
-        NORV_TRACE(L"vexil", wxString::Format("Filter ID %d was not found in the packetFilterMap",
-                                              static_cast<int>(id)));
-    } else {
+    const bool found = EntryFound(query, "Could not get packetFilterMap", [id] {
+        return wxString::Format("Filter ID %d was not found in the packetFilterMap",
+                                static_cast<int>(id));
+    });
+    if (found) {
         name = TextResult(L, top + 1);
         action = static_cast<u32>(IntegerResult(L, top + 2));
-        found = true;
     }
     lua_settop(L, top);
     return found;
@@ -267,20 +282,15 @@ bool ConfigUtils::getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u
     if (!ReadOrTrace(ReadEntry, &query, 4)) {
         return false;
     }
-    bool found = false;
-    if (query.stage == kNoConfig) {
-        NORV_TRACE(L"vexil", "Could not get config map");
-    } else if (query.stage == kNoMap) {
-        NORV_TRACE(L"vexil", "Could not get payloadFilterMap");
-    } else if (query.stage == kNoEntry) {
-        NORV_TRACE(L"vexil", wxString::Format("Filter ID %d was not found in the payloadFilterMap",
-                                              static_cast<int>(id)));
-    } else {
+    const bool found = EntryFound(query, "Could not get payloadFilterMap", [id] {
+        return wxString::Format("Filter ID %d was not found in the payloadFilterMap",
+                                static_cast<int>(id));
+    });
+    if (found) {
         name = TextResult(L, top + 1);
         severity = static_cast<u32>(IntegerResult(L, top + 2));
         identifier = TextResult(L, top + 3);
         incoming = lua_toboolean(L, top + 4) != 0;
-        found = true;
     }
     lua_settop(L, top);
     return found;
@@ -313,17 +323,12 @@ bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const
     if (!ReadOrTrace(ReadEntry, &query, 1)) {
         return false;
     }
-    bool found = false;
-    if (query.stage == kNoConfig) {
-        NORV_TRACE(L"vexil", "Could not get config map");
-    } else if (query.stage == kNoMap) {
-        NORV_TRACE(L"vexil", "Could not get interface map");
-    } else if (query.stage == kNoEntry) {
-        NORV_TRACE(L"vexil", wxString::Format("Could not look up interface given mac %s",
-                                              wxString::FromUTF8(mac)));
-    } else {
+    const bool found = EntryFound(query, "Could not get interface map", [&mac] {
+        return wxString::Format("Could not look up interface given mac %s",
+                                wxString::FromUTF8(mac));
+    });
+    if (found) {
         name = TextResult(L, top + 1);
-        found = true;
     }
     lua_settop(L, top);
     return found;
@@ -337,17 +342,12 @@ bool ConfigUtils::getInterfaceConfigID(const std::string& mac, u32& id) const {
     if (!ReadOrTrace(ReadEntry, &query, 1)) {
         return false;
     }
-    bool found = false;
-    if (query.stage == kNoConfig) {
-        NORV_TRACE(L"vexil", "Could not get config map");
-    } else if (query.stage == kNoMap) {
-        NORV_TRACE(L"vexil", "Could not get interface map");
-    } else if (query.stage == kNoEntry) {
-        NORV_TRACE(L"vexil", wxString::Format("Could not look up interface given mac %s",
-                                              wxString::FromUTF8(mac)));
-    } else {
+    const bool found = EntryFound(query, "Could not get interface map", [&mac] {
+        return wxString::Format("Could not look up interface given mac %s",
+                                wxString::FromUTF8(mac));
+    });
+    if (found) {
         id = static_cast<u32>(IntegerResult(L, top + 1));
-        found = true;
     }
     lua_settop(L, top);
     return found;
