@@ -9,8 +9,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <lua.hpp>
 #include <wx/filename.h>
+#include <lua.hpp>
 
 #include "config/ConfigUtils.h"
 #include "host/Dom.h"

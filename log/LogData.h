@@ -108,8 +108,7 @@ public:
     // the span (seconds since 1970, 0 for open), oldest file first, each
     // handed to sink. Without a sink the scan stops at the first such line.
     // False only when the family cannot be listed. Holds m_ReadLock.
-    bool GetLogData(int role, i64 startTime, i64 endTime, const wxString& uuid,
-                    LogLineSink* sink);
+    bool GetLogData(int role, i64 startTime, i64 endTime, const wxString& uuid, LogLineSink* sink);
 
     // The syslog message of a working copy (record and trailing block), in
     // the native or the CEF form as the host's syslog settings say. False,
@@ -221,8 +220,9 @@ private:
     NorvCore::CSyslogger m_Syslogger;
     ConfigUtils* m_ConfigUtils = nullptr;  // set for one script call, not owned
     bool m_ScanTraceEnabled = false;       // category "LogScan" at construction
-    u32 m_LastTimeBinTicks = NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
-    IpList* m_DestIpList = nullptr;  // m_DestIpListLock
+    u32 m_LastTimeBinTicks =
+        NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
+    IpList* m_DestIpList = nullptr;   // m_DestIpListLock
     wxCriticalSection m_DestIpListLock;
     IpList* m_DestIpv6List = nullptr;  // m_DestIpv6ListLock
     wxCriticalSection m_DestIpv6ListLock;
