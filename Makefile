@@ -51,7 +51,7 @@ bench: deps
 	cd build-bench && ./vexil_bench
 
 format:
-	find host module config log analysis ssl tests bench tools examples \
+	find host driver module config log analysis ssl tests bench examples \
 		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:

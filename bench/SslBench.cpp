@@ -21,7 +21,7 @@
 
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 #include "ssl/SSLCertThread.h"
 
 namespace {

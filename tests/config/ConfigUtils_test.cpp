@@ -16,7 +16,7 @@
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
 #include "host/Trace.h"
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 
 using ::testing::HasSubstr;
 using VEXIL::ConfigUtils;

@@ -16,7 +16,7 @@
 
 #include "host/NorviLoader.h"
 #include "host/norvi.h"
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include "host/Ticks.h"
 #include "host/Trace.h"
 #include "host/norvi.h"
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 #include "tests/TempFolder.h"
 
 namespace ssltest {

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 
 namespace {
 
