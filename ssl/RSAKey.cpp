@@ -544,6 +544,9 @@ bool CRSACryptoAPIKey::Decrypt(size_t inLength, const void* in, void* out, size_
     // PKCS#11 takes the cipher text big-endian, as it came on the wire.
     const CK_RV rv = m_Session->Decrypt(m_Key, in, inLength, out, outCapacity, *outLength);
     if (rv != CKR_OK) {
+        // A module built on OpenSSL, as SoftHSM is, leaves its reasons in
+        // this thread's error queue, where the next key load would find them.
+        ERR_clear_error();
         wxLogError("CRSACryptoAPIKey::Decrypt() - C_Decrypt() failed: CKR 0x%lX", rv);
         return false;
     }
