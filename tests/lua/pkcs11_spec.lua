@@ -21,8 +21,8 @@ end
 ]]
 
 describe("vexil.RSAKey.Create with a token credential", function()
-  if not (os.execute("command -v softhsm2-util pkcs11-tool >/dev/null 2>&1") and
-          io.open(softhsm)) then
+  if not os.execute("command -v softhsm2-util pkcs11-tool >/dev/null 2>&1 && test -r " ..
+                    softhsm) then
     pending("SoftHSM (softhsm2-util, libsofthsm2.so) or OpenSC's pkcs11-tool is missing")
     return
   end
