@@ -4,7 +4,7 @@
 local support = require "support"
 
 local softhsm = "/usr/lib/softhsm/libsofthsm2.so"
-local pin = "spec-pin-3141"
+local pin = "script-pin-3141"
 
 -- The child: one line per pair of arguments (identifier, PIN), "key" or the
 -- reason and its name.
@@ -36,17 +36,17 @@ describe("vexil.RSAKey.Create with a token credential", function()
   teardown(function() support.remove(folder) end)
 
   it("gives the key, or the reason of the first check that fails", function()
-    local tool = "pkcs11-tool --module " .. softhsm .. " --token-label spec --login --pin " .. pin
+    local tool = "pkcs11-tool --module " .. softhsm .. " --token-label script --login --pin " .. pin
     assert(sh("mkdir tokens && echo \"directories.tokendir = $PWD/tokens\" > softhsm2.conf"))
-    assert(sh("softhsm2-util --init-token --free --label spec --so-pin so-0000 --pin " .. pin))
+    assert(sh("softhsm2-util --init-token --free --label script --so-pin so-0000 --pin " .. pin))
     assert(sh("openssl genrsa -out key.pem 1024 && " ..
               "openssl pkcs8 -topk8 -nocrypt -in key.pem -out key.p8"))
-    assert(sh("softhsm2-util --import key.p8 --token spec --label k --id 01 --pin " .. pin))
+    assert(sh("softhsm2-util --import key.p8 --token script --label k --id 01 --pin " .. pin))
     local thumbprints = {}
     for _, cert in ipairs { { "enc", "01", "-addext keyUsage=keyEncipherment" },
                             { "sign", "02", "-addext keyUsage=digitalSignature" },
                             { "plain", "03", "" } } do  -- no key usage, no private key
-      assert(sh(string.format("openssl req -x509 -new -key key.pem -subj /CN=spec -days 2 %s " ..
+      assert(sh(string.format("openssl req -x509 -new -key key.pem -subj /CN=script -days 2 %s " ..
                               "-outform DER -out %s.der && %s --write-object %s.der --type cert " ..
                               "--id %s && openssl dgst -sha1 -r %s.der > %s.sha1",
                               cert[3], cert[1], tool, cert[1], cert[2], cert[1], cert[1])))
@@ -57,13 +57,13 @@ describe("vexil.RSAKey.Create with a token credential", function()
     script:close()
 
     local cases = {  -- identifier, PIN, result
-      { "spec;" .. thumbprints.enc, pin, "key" },
+      { "script;" .. thumbprints.enc, pin, "key" },
       { ";" .. thumbprints.enc, pin, "580 BadIdentifierFormat" },
       { "other;" .. thumbprints.enc, pin, "586 UnableToOpenContainer" },
-      { "spec;" .. string.rep("0", 40), "wrong", "581 IdentifierNotFound" },
-      { "spec;" .. thumbprints.sign, "wrong", "582 ImproperKeyUsage" },
-      { "spec;" .. thumbprints.plain, "wrong", "583 IncorrectPassphrase" },
-      { "spec;" .. thumbprints.plain, pin, "584 KeyNotFound" },
+      { "script;" .. string.rep("0", 40), "wrong", "581 IdentifierNotFound" },
+      { "script;" .. thumbprints.sign, "wrong", "582 ImproperKeyUsage" },
+      { "script;" .. thumbprints.plain, "wrong", "583 IncorrectPassphrase" },
+      { "script;" .. thumbprints.plain, pin, "584 KeyNotFound" },
     }
     local command, expected = env .. "lua5.2 create.lua", {}
     for i, case in ipairs(cases) do
