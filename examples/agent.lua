@@ -201,6 +201,9 @@ do
   print("  PEM read as P12:  " .. table.concat({ select(2, SLB.vexil.RSAKey.Create(string.format(
     '<SSLCredential credentialType="P12" identifier="%s/web.pem" passphrase="x"/>', home))) },
     " "))
+  print("  CAPI, no token:   " .. table.concat({ select(2, SLB.vexil.RSAKey.Create(
+    '<SSLCredential credentialType="CAPI" identifier="demo-hsm;' .. string.rep("0", 40) ..
+    '" passphrase="1234"/>')) }, " "))
 
   local service = SLB.vexil.SSLCertThread(sdom)
   service:start(50, true, 0)

@@ -7,6 +7,7 @@ packages=(
   build-essential cmake pkg-config git
   liblua5.2-dev lua5.2 lua-busted
   libssl-dev openssl
+  libp11-kit-dev p11-kit p11-kit-modules softhsm2 opensc
   libwxgtk3.2-dev
   libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev

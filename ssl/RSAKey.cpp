@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <vector>
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -16,18 +17,21 @@
 #include <openssl/proverr.h>
 #include <openssl/provider.h>
 #include <openssl/rsa.h>
+#include <openssl/sha.h>
 #include <openssl/x509v3.h>
 #include <wx/debug.h>
 #include <wx/log.h>
 
+#include "host/TextHelpers.h"
 #include "host/Trace.h"
+#include "ssl/Pkcs11Module.h"
 #include "ssl/SSLCredential.h"
 
 namespace VEXIL {
 
 namespace {
 
-const wchar_t* const kKeyTrace = L"norv.vexil.RSAKey";
+const wchar_t* const kKeyTrace = CRSAKey::kTraceCategory;
 
 OSSL_PROVIDER* g_DefaultProvider = nullptr;  // written once under the once flag below
 OSSL_PROVIDER* g_LegacyProvider = nullptr;   // likewise
@@ -211,6 +215,60 @@ BIO* OpenInput(bool isPkcs12, const wxString& identifier, const wxScopedCharBuff
     return chain;
 }
 
+// Bounds on what a token may hand over, checked before anything is read.
+const size_t kMaxCertificates = 4096;
+const size_t kMaxCertificateSize = 65536;
+const size_t kMaxKeyIdSize = 1024;
+
+// The DER and CKA_ID of the first certificate object on the session's token
+// whose DER has the SHA-1 thumbprint. False when there is none.
+bool FindCertificate(CPkcs11Session& session, const std::string& thumbprint,
+                     std::string& certificate, std::string& keyId) {
+    if (thumbprint.size() != SHA_DIGEST_LENGTH) {
+        return false;
+    }
+    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
+    CK_ATTRIBUTE search[] = {{CKA_CLASS, &certificateClass, sizeof certificateClass}};
+    std::vector<CK_OBJECT_HANDLE> found;
+    session.FindObjects(search, 1, kMaxCertificates, found);
+    for (CK_OBJECT_HANDLE object : found) {
+        unsigned char digest[SHA_DIGEST_LENGTH];
+        if (session.GetAttribute(object, CKA_VALUE, kMaxCertificateSize, certificate) == CKR_OK &&
+            SHA1(reinterpret_cast<const unsigned char*>(certificate.data()), certificate.size(),
+                 digest) != nullptr &&
+            std::memcmp(digest, thumbprint.data(), sizeof digest) == 0) {
+            return session.GetAttribute(object, CKA_ID, kMaxKeyIdSize, keyId) == CKR_OK;
+        }
+    }
+    return false;
+}
+
+// Whether the certificate lets its key exchange keys: it has no key usage
+// extension, or one with keyEncipherment. A DER that doesn't parse doesn't.
+bool AllowsKeyExchange(const std::string& certificate) {
+    const unsigned char* der = reinterpret_cast<const unsigned char*>(certificate.data());
+    std::unique_ptr<X509, CertFree> cert(
+        d2i_X509(nullptr, &der, static_cast<long>(certificate.size())));
+    if (cert == nullptr) {
+        ERR_clear_error();
+        NORV_TRACE(kKeyTrace, "CRSACryptoAPIKey::Create() - the certificate can't be parsed");
+        return false;
+    }
+    // The extension's bits as two bytes: the first eight uses, then
+    // decipherOnly.
+    const uint32_t usage = X509_get_key_usage(cert.get());
+    const bool restricted = (X509_get_extension_flags(cert.get()) & EXFLAG_KUSAGE) != 0;
+    ERR_clear_error();
+    if (restricted && (usage & KU_KEY_ENCIPHERMENT) == 0) {
+        NORV_TRACE(kKeyTrace,
+                   wxString::Format("CRSACryptoAPIKey::Create() - cert has key usage bits that do "
+                                    "not allow key exchange (%02X:%02X)",
+                                    usage & 0xFF, (usage >> 8) & 0xFF));
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 CRSAKey::~CRSAKey() = default;
@@ -222,7 +280,7 @@ CRSAKey* CRSAKey::Create(const CSSLCredential& credential, FailureReason* failur
                                       credential.m_Credential, credential.m_Passphrase, failure);
     }
     if (type == wxS("CAPI")) {
-        return CRSACryptoAPIKey::Create(credential.m_Identifier, failure);
+        return CRSACryptoAPIKey::Create(credential.m_Identifier, credential.m_Passphrase, failure);
     }
     NORV_TRACE(kKeyTrace,
                wxString::Format("CRSAKey::Create() - unsupported credential type '%.128s'", type));
@@ -394,25 +452,105 @@ bool CRSAOpenSSLKey::Decrypt(size_t inLength, const void* in, void* out, size_t 
     return false;
 }
 
-CRSAKey* CRSACryptoAPIKey::Create(const wxString& identifier, FailureReason* failure) {
+CRSAKey* CRSACryptoAPIKey::Create(const wxString& identifier, const wxString& passphrase,
+                                  FailureReason* failure) {
+    auto fail = [failure](FailureReason reason) -> CRSAKey* {
+        if (failure != nullptr) {
+            *failure = reason;
+        }
+        return nullptr;
+    };
     const int separator = identifier.Find(wxS(';'));
     if (separator == wxNOT_FOUND || separator == 0) {
         NORV_TRACE(kKeyTrace,
                    wxString::Format("CRSACryptoAPIKey::Create() - bad identifier format '%.128s'",
                                     identifier));
-        if (failure != nullptr) {
-            *failure = BadIdentifierFormat;
+        return fail(BadIdentifierFormat);
+    }
+    const wxString storeName = identifier.Left(separator);
+    const std::string thumbprint = NorvCore::fromHexString(identifier.Mid(separator + 1));
+
+    // The store: the token that has the store's name as its label.
+    std::string moduleName;
+    CPkcs11Module* module = CPkcs11Module::Configured(moduleName);
+    CK_SLOT_ID slot = 0;
+    CK_FLAGS tokenFlags = 0;
+    std::unique_ptr<CPkcs11Session> session;
+    if (module != nullptr &&
+        module->FindToken(storeName.ToStdString(wxConvUTF8), slot, tokenFlags)) {
+        session.reset(new (std::nothrow) CPkcs11Session(*module, slot));
+    }
+    if (session == nullptr || session->Opened() != CKR_OK) {
+        wxLogError("CRSACryptoAPIKey::Create() - no token '%.128s' through PKCS#11 module '%.128s'",
+                   storeName, moduleName);
+        return fail(UnableToOpenContainer);
+    }
+
+    std::string certificate;
+    std::string keyId;
+    if (!FindCertificate(*session, thumbprint, certificate, keyId)) {
+        wxLogError("CRSACryptoAPIKey::Create() - no certificate for '%.128s' on the token",
+                   identifier);
+        return fail(IdentifierNotFound);
+    }
+    if (!AllowsKeyExchange(certificate)) {
+        return fail(ImproperKeyUsage);
+    }
+
+    // Private objects are visible only to a logged-in user, on a token that
+    // has users at all.
+    if ((tokenFlags & CKF_LOGIN_REQUIRED) != 0) {
+        const CK_RV rv = session->Login(passphrase.ToStdString(wxConvUTF8));
+        if (rv != CKR_OK) {
+            wxLogError("CRSACryptoAPIKey::Create() - C_Login on token '%.128s' failed: CKR 0x%lX",
+                       storeName, rv);
+            return fail(IncorrectPassphrase);
         }
-        return nullptr;
     }
-    wxLogError(
-        "CRSACryptoAPIKey::Create() - CertOpenStore('%.128s') failed: "
-        "this platform has no certificate stores",
-        identifier.Left(separator));
-    if (failure != nullptr) {
-        *failure = UnableToOpenContainer;
+
+    CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
+    CK_KEY_TYPE keyType = CKK_RSA;
+    CK_BBOOL decrypts = CK_TRUE;
+    CK_ATTRIBUTE search[] = {{CKA_CLASS, &keyClass, sizeof keyClass},
+                             {CKA_KEY_TYPE, &keyType, sizeof keyType},
+                             {CKA_DECRYPT, &decrypts, sizeof decrypts},
+                             {CKA_ID, &keyId[0], keyId.size()}};
+    std::vector<CK_OBJECT_HANDLE> keys;
+    session->FindObjects(search, sizeof search / sizeof search[0], 1, keys);
+    CRSAKey* made =
+        keys.empty() ? nullptr : new (std::nothrow) CRSACryptoAPIKey(std::move(session), keys[0]);
+    if (made == nullptr) {
+        wxLogError("CRSACryptoAPIKey::Create() - no RSA private key for '%.128s' on the token",
+                   identifier);
+        return fail(KeyNotFound);
     }
-    return nullptr;
+    return made;
+}
+
+CRSACryptoAPIKey::CRSACryptoAPIKey(std::unique_ptr<CPkcs11Session> session, CK_OBJECT_HANDLE key)
+    : m_Session(std::move(session)), m_Key(key) {}
+
+CRSACryptoAPIKey::~CRSACryptoAPIKey() = default;
+
+bool CRSACryptoAPIKey::Decrypt(size_t inLength, const void* in, void* out, size_t outCapacity,
+                               size_t* outLength) {
+    *outLength = 0;
+    if (outCapacity < inLength) {
+        wxLogError(
+            "CRSACryptoAPIKey::Decrypt() - output buffer needs to be at least as big as input "
+            "buffer");
+        return false;
+    }
+    // PKCS#11 takes the cipher text big-endian, as it came on the wire.
+    const CK_RV rv = m_Session->Decrypt(m_Key, in, inLength, out, outCapacity, *outLength);
+    if (rv != CKR_OK) {
+        // A module built on OpenSSL, as SoftHSM is, leaves its reasons in
+        // this thread's error queue, where the next key load would find them.
+        ERR_clear_error();
+        wxLogError("CRSACryptoAPIKey::Decrypt() - C_Decrypt() failed: CKR 0x%lX", rv);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace VEXIL

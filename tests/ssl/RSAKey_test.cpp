@@ -106,7 +106,7 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         {"PEM", "ec.pem", "", "", CRSAKey::KeyNotFound},
         {"pem", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
         {"", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
-        // The store kind checks the identifier's form, then finds no store here.
+        // The store kind checks the identifier's form, then finds no token named MY.
         {"CAPI", ";ab12", "", "", CRSAKey::BadIdentifierFormat},
         {"CAPI", "MY", "", "", CRSAKey::BadIdentifierFormat},
         {"CAPI", "", "", "", CRSAKey::BadIdentifierFormat},
