@@ -18,7 +18,7 @@
 
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
-#include "host/norvi/driver/NorviControl.h"
+#include "driver/standin/NorviControl.h"
 #include "ssl/Pkcs11Module.h"
 #include "ssl/SSLCertThread.h"
 
