@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 
-.PHONY: all deps build demo check test test-asan test-tsan bench format clean
+.PHONY: all deps build demo check test test-asan test-tsan check-locks bench format clean
 
 all: build
 
@@ -43,7 +43,15 @@ test-tsan: deps build-tsan/CMakeCache.txt
 	$(if $(THREAD_TESTS),cd build-tsan && TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=0 \
 		$(CTEST) --output-on-failure -j $(JOBS) -L threads)
 
-check: test test-asan test-tsan
+# Clang's thread-safety analysis of the lock annotations, as errors. Only the
+# libraries are built: the tests add nothing to check and would cost time.
+build-clang/CMakeCache.txt: | deps
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-clang -DCMAKE_BUILD_TYPE=Debug
+
+check-locks: deps build-clang/CMakeCache.txt
+	$(CMAKE) --build build-clang -j $(JOBS) --target norvcore norv vexil
+
+check: test test-asan test-tsan check-locks
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
@@ -55,4 +63,4 @@ format:
 		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-clang build-bench

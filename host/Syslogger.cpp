@@ -85,7 +85,7 @@ void CSyslogger::UpdateConfig() {
         hostName = wxGetHostName();
     }
 
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     m_Cef = cef;
     m_Format = format;
     m_Vendor = vendor;
@@ -95,19 +95,19 @@ void CSyslogger::UpdateConfig() {
 }
 
 bool CSyslogger::GetSyslogFormatCEF() const {
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     return m_Cef;
 }
 
 int CSyslogger::GetSyslogFormat() const {
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     return m_Format;
 }
 
 void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
     wxString header = wxS("CEF:0|");
     {
-        std::lock_guard<std::mutex> guard(m_Lock);
+        CMutexLocker guard(m_Lock);
         header << EscapeCEFPrefix(m_Vendor) << wxS('|') << EscapeCEFPrefix(m_Product) << wxS('|')
                << EscapeCEFPrefix(m_Version) << wxS('|');
     }
@@ -117,7 +117,7 @@ void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
 void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
     wxString hostName;
     {
-        std::lock_guard<std::mutex> guard(m_Lock);
+        CMutexLocker guard(m_Lock);
         hostName = m_HostName;
     }
     AppendUtf8(

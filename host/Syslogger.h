@@ -17,10 +17,11 @@
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 #include <string>
 
 #include <wx/string.h>
+
+#include "host/Lock.h"
 
 namespace NorvCore {
 
@@ -50,13 +51,13 @@ public:
 private:
     const std::string m_Name;
 
-    mutable std::mutex m_Lock;  // guards the values below
-    bool m_Cef = false;
-    int m_Format = 0;
-    wxString m_Vendor;
-    wxString m_Product;
-    wxString m_Version;
-    wxString m_HostName;
+    mutable CMutex m_Lock;
+    bool m_Cef GUARDED_BY(m_Lock) = false;
+    int m_Format GUARDED_BY(m_Lock) = 0;
+    wxString m_Vendor GUARDED_BY(m_Lock);
+    wxString m_Product GUARDED_BY(m_Lock);
+    wxString m_Version GUARDED_BY(m_Lock);
+    wxString m_HostName GUARDED_BY(m_Lock);
 };
 
 }  // namespace NorvCore
