@@ -125,10 +125,19 @@ void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
         wxString::Format(" dvchost=%s deviceExternalId=%d", EscapeCEFExtension(hostName), hostId));
 }
 
+bool CSyslogger::IsControlCharacter(wxUniChar c) {
+    const wxUniChar::value_type v = c.GetValue();
+    return v < 0x20 || (v >= 0x7F && v <= 0x9F) || v == 0x2028 || v == 0x2029;
+}
+
 wxString CSyslogger::EscapeCEFPrefix(const wxString& text) {
     wxString escaped;
     escaped.reserve(text.length());
     for (wxString::const_iterator it = text.begin(); it != text.end(); ++it) {
+        if (IsControlCharacter(*it)) {
+            escaped += wxS(' ');
+            continue;
+        }
         if (*it == wxS('\\') || *it == wxS('|')) {
             escaped += wxS('\\');
         }
@@ -145,6 +154,8 @@ wxString CSyslogger::EscapeCEFExtension(const wxString& text) {
             escaped += wxS("\\n");
         } else if (*it == wxS('\r')) {
             escaped += wxS("\\r");
+        } else if (IsControlCharacter(*it)) {
+            escaped += wxS(' ');
         } else {
             if (*it == wxS('\\') || *it == wxS('=')) {
                 escaped += wxS('\\');

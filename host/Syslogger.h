@@ -42,11 +42,17 @@ public:
     // Appends " dvchost=<host name> deviceExternalId=<hostId>", the same way.
     void AppendHostIdentityCEF(int hostId, char* buffer, size_t size);
 
-    // A header field: backslash and bar escaped by a backslash.
+    // A header field: backslash and bar escaped by a backslash. A header may
+    // hold no line break at all, so every control character becomes a blank.
     static wxString EscapeCEFPrefix(const wxString& text);
     // An extension value: backslash and equals sign escaped by a backslash,
-    // line feed written as \n and carriage return as \r.
+    // line feed written as \n and carriage return as \r; any other control
+    // character becomes a blank.
     static wxString EscapeCEFExtension(const wxString& text);
+    // Whether c must not stand raw in a message, where a receiver could take
+    // it for the end of the message or of a field: a control character (C0,
+    // DEL, C1) or the Unicode line and paragraph separators.
+    static bool IsControlCharacter(wxUniChar c);
 
 private:
     const std::string m_Name;
