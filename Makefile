@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 
-.PHONY: all deps build demo check test test-asan test-tsan check-locks bench format clean
+.PHONY: all deps build demo check test test-asan test-tsan check-locks soak bench format clean
 
 all: build
 
@@ -54,6 +54,11 @@ check-locks: deps build-clang/CMakeCache.txt
 	$(CMAKE) --build build-clang -j $(JOBS) --target norvcore norv vexil
 
 check: test test-asan test-tsan check-locks
+
+# The SSL service under a long load: the soak program with its full count.
+# The error lines of the requests that fail by design go to build/soak.log.
+soak: build
+	cd build && VEXIL_SOAK_REQUESTS=100000 ./SSLSoakThreads_test 2>soak.log
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON

@@ -89,6 +89,9 @@ public:
     // Takes the front of the queue into item. The shutdown marker is put back
     // at the end of the queue for the next worker.
     WorkItem TakeWorkItem(std::string& item) EXCLUDES(m_QueueLock);
+    // Requests queued and not yet taken by a worker (the shutdown marker not
+    // counted). After a stop, these are the requests left without an answer.
+    size_t QueuedRequests() EXCLUDES(m_QueueLock);
     // The count of wake-ups so far; a worker notes it before it looks at the
     // queue and waits only while it hasn't moved, so that no wake-up between
     // its look and its wait is lost.

@@ -112,6 +112,15 @@ CSSLCertThread::WorkItem CSSLCertThread::TakeWorkItem(std::string& item) {
     return WorkItem::Shutdown;
 }
 
+size_t CSSLCertThread::QueuedRequests() {
+    NorvCore::CCriticalSectionLocker lock(m_QueueLock);
+    size_t count = 0;
+    for (const std::string& item : m_WorkQueue) {
+        count += item.empty() ? 0 : 1;
+    }
+    return count;
+}
+
 u64 CSSLCertThread::WakeSequence() {
     NorvCore::CWxMutexLocker lock(m_WakeMutex);
     return m_WakeSequence;
