@@ -67,14 +67,14 @@ bool LogData::AnalyzeLogEntry(const std::string& /*line*/, const u64* /*firstTim
         return true;
     }
     {
-        wxCriticalSectionLocker lock(m_ProbeConfigLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbeConfigLock);
         if (m_ProbeEnabled.none()) {
             SCAN_TRACE_BUSY("AnalyzeLogEntry - returning because no probe configs are enabled");
             return true;
         }
     }
     if (ipv4) {
-        wxCriticalSectionLocker lock(m_WhitelistIpListLock);
+        NorvCore::CCriticalSectionLocker lock(m_WhitelistIpListLock);
         if (IpInList(record.iph_src(), m_WhitelistIpList)) {
             SCAN_TRACE_BUSY(
                 "AnalyzeLogEntry - returning because the ipv4 packet isn't from a host we care "
@@ -83,10 +83,10 @@ bool LogData::AnalyzeLogEntry(const std::string& /*line*/, const u64* /*firstTim
         }
     } else {
         // IPv6 sources are not filtered.
-        wxCriticalSectionLocker lock(m_WhitelistIpv6ListLock);
+        NorvCore::CCriticalSectionLocker lock(m_WhitelistIpv6ListLock);
     }
     if (ipv4) {
-        wxCriticalSectionLocker lock(m_DestIpListLock);
+        NorvCore::CCriticalSectionLocker lock(m_DestIpListLock);
         if (m_DestIpList != nullptr && !IpInList(record.iph_dest(), m_DestIpList)) {
             SCAN_TRACE_BUSY(
                 "AnalyzeLogEntry - returning because the ipv4 packet isn't destined for a host we "
@@ -94,7 +94,7 @@ bool LogData::AnalyzeLogEntry(const std::string& /*line*/, const u64* /*firstTim
             return true;
         }
     } else {
-        wxCriticalSectionLocker lock(m_DestIpv6ListLock);
+        NorvCore::CCriticalSectionLocker lock(m_DestIpv6ListLock);
         if (m_DestIpv6List != nullptr) {
             SCAN_TRACE_BUSY(
                 "AnalyzeLogEntry - returning because the ipv6 packet isn't destined for a host we "

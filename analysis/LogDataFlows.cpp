@@ -20,7 +20,7 @@
 namespace VEXIL {
 
 void LogData::HandleTerminatedFlow(const TerminatedFlow& flow, u8 protocol) {
-    wxCriticalSectionLocker lock(m_TerminatedFlowsLock);
+    NorvCore::CCriticalSectionLocker lock(m_TerminatedFlowsLock);
     FlowStats& stats = m_TerminatedFlows[IpProtocolKey{flow.sourceAddress, protocol}];
     stats.addresses.insert(flow.destAddress);
     stats.ports.insert(flow.destPort);
@@ -44,7 +44,7 @@ bool LogData::CacheMaintenance(ConfigUtils* config) {
         std::vector<ProbeReport> reports;
         bool binWasEmpty;
         {
-            wxCriticalSectionLocker lock(m_TerminatedFlowsLock);
+            NorvCore::CCriticalSectionLocker lock(m_TerminatedFlowsLock);
             SCAN_TRACE(
                 wxString::Format("time bin interval has expired number of terminated flows is %d",
                                  int(m_TerminatedFlows.size())));
@@ -59,7 +59,7 @@ bool LogData::CacheMaintenance(ConfigUtils* config) {
         // A bin in which nobody at all was active counts as a clean
         // observation for every candidate.
         if (binWasEmpty) {
-            wxCriticalSectionLocker lock(m_LikelihoodRatiosLock);
+            NorvCore::CCriticalSectionLocker lock(m_LikelihoodRatiosLock);
             SCAN_TRACE(wxString::Format("Updating the scan likelihoodRations size %d",
                                         int(m_LikelihoodRatios.size())));
             for (auto candidate = m_LikelihoodRatios.begin();
@@ -75,7 +75,7 @@ bool LogData::CacheMaintenance(ConfigUtils* config) {
 
     const u32 ticksCheck = NorvCore::SystemTickCount();
     {
-        wxCriticalSectionLocker lock(m_ProbingIpsLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbingIpsLock);
         SCAN_TRACE(wxString::Format("Checking probing Ips %d", int(m_ProbingIps.size())));
         for (auto entry = m_ProbingIps.begin(); entry != m_ProbingIps.end();) {
             // Signed difference: an expiry more than 2^31 ms ahead reads as past.
@@ -92,7 +92,7 @@ bool LogData::CacheMaintenance(ConfigUtils* config) {
             entry = m_ProbingIps.erase(entry);
         }
     }
-    wxCriticalSectionLocker lock(m_TerminatedFlowsLock);
+    NorvCore::CCriticalSectionLocker lock(m_TerminatedFlowsLock);
     return !m_TerminatedFlows.empty();
 }
 

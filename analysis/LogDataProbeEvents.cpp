@@ -36,7 +36,7 @@ bool LogData::RecordProbe(int type, u32 address, u8 protocol, const FlowStats* s
     SCAN_TRACE("WriteProbeEvent");
     ProbeReport report = {};
     {
-        wxCriticalSectionLocker lock(m_ProbeConfigLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbeConfigLock);
         // A type outside the table is a programming error: test() throws.
         if (!m_ProbeEnabled.test(size_t(type))) {
             SCAN_TRACE("ProbeType was Not enabled");
@@ -59,7 +59,7 @@ bool LogData::RecordProbe(int type, u32 address, u8 protocol, const FlowStats* s
 
     // Test and insert in one hold of the lock, so that two threads cannot
     // both take the same detection for new.
-    wxCriticalSectionLocker lock(m_ProbingIpsLock);
+    NorvCore::CCriticalSectionLocker lock(m_ProbingIpsLock);
     if (m_ProbingIps.count(ProbingHostKey{address, u8(type)}) != 0) {
         SCAN_TRACE("ProbeType was already logged");
         return true;

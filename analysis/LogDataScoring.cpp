@@ -22,18 +22,18 @@ void LogData::AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
 
     bool scoringEnabled;
     {
-        wxCriticalSectionLocker lock(m_ProbeConfigLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbeConfigLock);
         scoringEnabled = m_ProbeEnabled.test(HostOrPortScan);
     }
     if (!scoringEnabled) {
         // The scoring state does not survive a switch-off.
-        wxCriticalSectionLocker lock(m_LikelihoodRatiosLock);
+        NorvCore::CCriticalSectionLocker lock(m_LikelihoodRatiosLock);
         m_LikelihoodRatios.clear();
         return;
     }
     {
         // A source already known as a scanner, on any protocol, is not scored.
-        wxCriticalSectionLocker lock(m_ProbingIpsLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbingIpsLock);
         if (m_ProbingIps.count(ProbingHostKey{address, HostOrPortScan}) != 0) {
             return;
         }
@@ -47,7 +47,7 @@ void LogData::AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
         suspect = ipsPerPort > m_ScanIpsPerPort;
     }
 
-    wxCriticalSectionLocker lock(m_LikelihoodRatiosLock);
+    NorvCore::CCriticalSectionLocker lock(m_LikelihoodRatiosLock);
     const IpProtocolKey key{address, protocol};
     auto candidate = m_LikelihoodRatios.find(key);
     if (portsPerIp > m_ScanPortsPerIpFlagNow) {

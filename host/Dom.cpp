@@ -1,7 +1,7 @@
 // CDom: settings and host values in SQLite, conditions in memory, agent
 // events in SQLite and the operator log.
 //
-// Every CDom alive is listed in s_Doms (under s_DomsLock), newest last, so
+// Every CDom alive is listed in Doms() (under its lock), newest last, so
 // that DoLogAgentEvent finds the current one. The list's lock is taken before
 // a CDom's m_StoreLock, never after it.
 #include "host/Dom.h"
@@ -24,15 +24,15 @@ namespace NorvCore {
 
 namespace {
 
-std::mutex& DomsLock() {
-    static std::mutex lock;
-    return lock;
-}
+// Every CDom alive, newest last.
+struct DomList {
+    CMutex lock;
+    std::vector<CDom*> doms GUARDED_BY(lock);
+};
 
-// Guarded by DomsLock(); newest last.
-std::vector<CDom*>& Doms() {
-    static std::vector<CDom*> doms;
-    return doms;
+DomList& Doms() {
+    static DomList list;
+    return list;
 }
 
 const char* const kDefaultBaseFolder = "/var/lib/norv";
@@ -103,7 +103,7 @@ CDom::CDom(const std::string& path) {
     } else {
         // Another process may hold the file for a moment.
         sqlite3_busy_timeout(db, 2000);
-        std::lock_guard<std::mutex> guard(m_StoreLock);
+        CMutexLocker guard(m_StoreLock);
         char* error = nullptr;
         if (sqlite3_exec(db,
                          "CREATE TABLE IF NOT EXISTS settings("
@@ -120,24 +120,25 @@ CDom::CDom(const std::string& path) {
             sqlite3_close(db);
         }
     }
-    std::lock_guard<std::mutex> guard(DomsLock());
-    Doms().push_back(this);
+    DomList& list = Doms();
+    CMutexLocker guard(list.lock);
+    list.doms.push_back(this);
 }
 
 CDom::~CDom() {
     {
-        std::lock_guard<std::mutex> guard(DomsLock());
-        std::vector<CDom*>& doms = Doms();
-        doms.erase(std::remove(doms.begin(), doms.end(), this), doms.end());
+        DomList& list = Doms();
+        CMutexLocker guard(list.lock);
+        list.doms.erase(std::remove(list.doms.begin(), list.doms.end(), this), list.doms.end());
     }
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     sqlite3_finalize(m_GetStatement);
     sqlite3_close(m_Db);
     m_Db = nullptr;
 }
 
 bool CDom::IsOpen() const {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     return m_Db != nullptr;
 }
 
@@ -156,7 +157,7 @@ bool CDom::Exec(const char* sql) const {
 }
 
 std::string CDom::Get(const std::string& key) const {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     // Settings are read per record and per syslog message: the statement is
     // prepared once and reused.
     if (m_GetStatement == nullptr && m_Db != nullptr &&
@@ -221,7 +222,7 @@ bool CDom::Set(const std::string& key, bool value) {
 }
 
 bool CDom::Set(const std::string& key, const std::string& value) {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     CStatement statement(m_Db,
                          "INSERT INTO settings(key, value) VALUES(?1, ?2) "
                          "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
@@ -248,7 +249,7 @@ bool CDom::BaseFolder(wxString& folder) const {
 }
 
 bool CDom::ConditionQuery(const std::string& name, u64& count, u32* a, u32* b) {
-    std::lock_guard<std::mutex> guard(m_ConditionLock);
+    CMutexLocker guard(m_ConditionLock);
     const auto found = m_Conditions.find(name);
     count = found == m_Conditions.end() ? 0 : found->second;
     if (a != nullptr) {
@@ -263,7 +264,7 @@ bool CDom::ConditionQuery(const std::string& name, u64& count, u32* a, u32* b) {
 u32 CDom::ConditionRaise(const std::string& name) {
     u64 count = 0;
     {
-        std::lock_guard<std::mutex> guard(m_ConditionLock);
+        CMutexLocker guard(m_ConditionLock);
         count = ++m_Conditions[name];
     }
     m_ConditionChanged.notify_all();
@@ -271,14 +272,15 @@ u32 CDom::ConditionRaise(const std::string& name) {
 }
 
 bool CDom::ConditionWait(const std::string& name, u64 lastSeen, u32 waitMsec) {
-    const auto moved = [&] {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMsec);
+    CMutexLocker lock(m_ConditionLock);
+    for (;;) {
         const auto found = m_Conditions.find(name);
-        return (found == m_Conditions.end() ? 0 : found->second) != lastSeen;
-    };
-    std::unique_lock<std::mutex> lock(m_ConditionLock);
-    m_ConditionChanged.wait_for(lock, std::chrono::milliseconds(waitMsec),
-                                [&] { return moved() || m_ExitRequested; });
-    return moved();
+        const bool moved = (found == m_Conditions.end() ? 0 : found->second) != lastSeen;
+        if (moved || m_ExitRequested || !lock.WaitUntil(m_ConditionChanged, deadline)) {
+            return moved;
+        }
+    }
 }
 
 bool CDom::ShouldExit(u32 waitMsec, bool* woken) const {
@@ -288,9 +290,10 @@ bool CDom::ShouldExit(u32 waitMsec, bool* woken) const {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMsec);
     CRunnable* const thread = CRunnable::Current();
     if (thread == nullptr) {
-        std::unique_lock<std::mutex> lock(m_ConditionLock);
-        const bool exiting =
-            m_ConditionChanged.wait_until(lock, deadline, [this] { return m_ExitRequested; });
+        CMutexLocker lock(m_ConditionLock);
+        while (!m_ExitRequested && lock.WaitUntil(m_ConditionChanged, deadline)) {
+        }
+        const bool exiting = m_ExitRequested;
         if (woken != nullptr) {
             *woken = exiting;
         }
@@ -301,7 +304,7 @@ bool CDom::ShouldExit(u32 waitMsec, bool* woken) const {
     // flag every slice.
     for (;;) {
         {
-            std::lock_guard<std::mutex> guard(m_ConditionLock);
+            CMutexLocker guard(m_ConditionLock);
             if (m_ExitRequested) {
                 if (woken != nullptr) {
                     *woken = true;
@@ -328,7 +331,7 @@ bool CDom::ShouldExit(u32 waitMsec, bool* woken) const {
 
 void CDom::RequestExit() {
     {
-        std::lock_guard<std::mutex> guard(m_ConditionLock);
+        CMutexLocker guard(m_ConditionLock);
         m_ExitRequested = true;
     }
     m_ConditionChanged.notify_all();
@@ -354,9 +357,10 @@ void CDom::DoLogAgentEvent(int flags, int number, const wchar_t* format, ...) {
     const wxString detail = FormatWithNarrowArgs(format, args);
     va_end(args);
     // The list's lock keeps the current CDom alive while it writes.
-    std::lock_guard<std::mutex> guard(DomsLock());
-    if (!Doms().empty()) {
-        Doms().back()->AgentEventWrite(number, detail);
+    DomList& list = Doms();
+    CMutexLocker guard(list.lock);
+    if (!list.doms.empty()) {
+        list.doms.back()->AgentEventWrite(number, detail);
     } else {
         wxLogWarning("Agent event %d: %s", number, detail);
     }
@@ -364,7 +368,7 @@ void CDom::DoLogAgentEvent(int flags, int number, const wchar_t* format, ...) {
 
 std::vector<AgentEvent> CDom::AgentEvents() const {
     std::vector<AgentEvent> events;
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     CStatement statement(m_Db, "SELECT number, detail FROM events ORDER BY seq");
     if (!statement.Ok()) {
         return events;
@@ -378,17 +382,18 @@ std::vector<AgentEvent> CDom::AgentEvents() const {
 }
 
 void CDom::ClearAgentEvents() {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     Exec("DELETE FROM events");
 }
 
 CDom* CDom::Current() {
-    std::lock_guard<std::mutex> guard(DomsLock());
-    return Doms().empty() ? nullptr : Doms().back();
+    DomList& list = Doms();
+    CMutexLocker guard(list.lock);
+    return list.doms.empty() ? nullptr : list.doms.back();
 }
 
 void CDom::StoreEvent(int number, const wxString& detail) {
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     CStatement statement(m_Db, "INSERT INTO events(number, detail) VALUES(?1, ?2)");
     if (!statement.Ok() || !statement.Bind(1, static_cast<i64>(number)) ||
         !statement.Bind(2, ToUtf8(detail)) || statement.Step() != SQLITE_DONE) {

@@ -13,12 +13,12 @@
 
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include <wx/string.h>
 
+#include "host/Lock.h"
 #include "host/Types.h"
 
 struct sqlite3;
@@ -104,18 +104,18 @@ public:
     static CDom* Current();
 
 private:
-    bool Exec(const char* sql) const;
+    bool Exec(const char* sql) const REQUIRES(m_StoreLock);
     void StoreEvent(int number, const wxString& detail);
 
-    mutable std::mutex m_StoreLock;  // guards m_Db, m_GetStatement and m_ConfigXml
-    sqlite3* m_Db = nullptr;
-    mutable sqlite3_stmt* m_GetStatement = nullptr;  // prepared once by Get
-    wxString m_ConfigXml;
+    mutable CMutex m_StoreLock;
+    sqlite3* m_Db GUARDED_BY(m_StoreLock) = nullptr;
+    mutable sqlite3_stmt* m_GetStatement GUARDED_BY(m_StoreLock) = nullptr;  // prepared once by Get
+    wxString m_ConfigXml GUARDED_BY(m_StoreLock);
 
-    mutable std::mutex m_ConditionLock;  // guards m_Conditions and m_ExitRequested
-    mutable std::condition_variable m_ConditionChanged;
-    std::map<std::string, u64> m_Conditions;
-    bool m_ExitRequested = false;
+    mutable CMutex m_ConditionLock;
+    mutable std::condition_variable m_ConditionChanged;  // on m_ConditionLock
+    std::map<std::string, u64> m_Conditions GUARDED_BY(m_ConditionLock);
+    bool m_ExitRequested GUARDED_BY(m_ConditionLock) = false;
 };
 
 }  // namespace NorvCore

@@ -57,7 +57,7 @@ bool CDom::SetConfigXml(const wxString& text) {
         wxLogWarning("The configuration document is not well-formed XML; the previous one is kept");
         return false;
     }
-    std::lock_guard<std::mutex> guard(m_StoreLock);
+    CMutexLocker guard(m_StoreLock);
     m_ConfigXml = text;
     return true;
 }
@@ -65,7 +65,7 @@ bool CDom::SetConfigXml(const wxString& text) {
 bool CDom::ConfigGetXml(const std::string& path, XMLObject& object) const {
     wxString text;
     {
-        std::lock_guard<std::mutex> guard(m_StoreLock);
+        CMutexLocker guard(m_StoreLock);
         text = m_ConfigXml;
     }
     if (text.empty()) {

@@ -53,7 +53,7 @@ CRunnable* CRunnable::Current() {
 
 void CRunnable::start(u32 priority, bool waitForStart, u32 stackSize) {
     {
-        std::lock_guard<std::mutex> guard(m_StateLock);
+        CMutexLocker guard(m_StateLock);
         if (m_Started) {
             wxLogError("Thread %s was started before; a thread object runs once", GetThreadName());
             return;
@@ -78,8 +78,10 @@ void CRunnable::start(u32 priority, bool waitForStart, u32 stackSize) {
         NORV_TRACE(kThreadTrace, wxString::Format("%s started", GetThreadName()));
     }
     if (waitForStart) {
-        std::unique_lock<std::mutex> lock(m_WaitLock);
-        m_WaitChanged.wait(lock, [this] { return m_Entered; });
+        CMutexLocker lock(m_WaitLock);
+        while (!m_Entered) {
+            lock.Wait(m_WaitChanged);
+        }
     }
 }
 
@@ -96,7 +98,7 @@ void CRunnable::StopThread(const wchar_t* name) {
         interrupt();
         return;
     }
-    std::lock_guard<std::mutex> guard(m_StateLock);
+    CMutexLocker guard(m_StateLock);
     if (!m_Started || m_Joined) {
         return;
     }
@@ -115,7 +117,7 @@ void CRunnable::StopThread(const wchar_t* name) {
 }
 
 bool CRunnable::ExitRequested() const {
-    std::lock_guard<std::mutex> guard(m_WaitLock);
+    CMutexLocker guard(m_WaitLock);
     return m_ExitRequested;
 }
 
@@ -140,7 +142,7 @@ const char* CRunnable::GetThreadName() const {
 
 void CRunnable::Awaken() {
     {
-        std::lock_guard<std::mutex> guard(m_WaitLock);
+        CMutexLocker guard(m_WaitLock);
         m_Awakened = true;
     }
     m_WaitChanged.notify_all();
@@ -152,7 +154,7 @@ void CRunnable::interrupt() {
 
 void CRunnable::requestExit() {
     {
-        std::lock_guard<std::mutex> guard(m_WaitLock);
+        CMutexLocker guard(m_WaitLock);
         m_ExitRequested = true;
     }
     Awaken();
@@ -164,10 +166,11 @@ bool CRunnable::TestDestroy(u32 waitMsec, bool* woken) {
     }
     bool exitRequested = false;
     {
-        std::unique_lock<std::mutex> lock(m_WaitLock);
-        if (waitMsec > 0) {
-            m_WaitChanged.wait_for(lock, std::chrono::milliseconds(waitMsec),
-                                   [this] { return m_ExitRequested || m_Awakened; });
+        CMutexLocker lock(m_WaitLock);
+        const auto deadline =
+            std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMsec);
+        while (waitMsec > 0 && !m_ExitRequested && !m_Awakened &&
+               lock.WaitUntil(m_WaitChanged, deadline)) {
         }
         exitRequested = m_ExitRequested;
         if (m_Awakened) {
@@ -191,7 +194,7 @@ void* CRunnable::Entry() {
     wxLog::SetThreadActiveTarget(OperatorLogTarget());
     PrepareThread();
     {
-        std::lock_guard<std::mutex> guard(m_WaitLock);
+        CMutexLocker guard(m_WaitLock);
         m_Entered = true;
     }
     m_WaitChanged.notify_all();

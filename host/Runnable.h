@@ -15,10 +15,10 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 
 #include <wx/thread.h>
 
+#include "host/Lock.h"
 #include "host/Types.h"
 
 namespace NorvCore {
@@ -89,16 +89,16 @@ private:
     const int m_Cpu;
     const bool m_NameThread;
 
-    std::mutex m_StateLock;  // guards m_Started and m_Joined; held over join
-    bool m_Started = false;
-    bool m_Joined = false;
+    CMutex m_StateLock;  // held over join
+    bool m_Started GUARDED_BY(m_StateLock) = false;
+    bool m_Joined GUARDED_BY(m_StateLock) = false;
     std::atomic<bool> m_Running{false};
 
-    mutable std::mutex m_WaitLock;  // guards m_ExitRequested, m_Awakened, m_Entered
-    std::condition_variable m_WaitChanged;
-    bool m_ExitRequested = false;
-    bool m_Awakened = false;
-    bool m_Entered = false;
+    mutable CMutex m_WaitLock;
+    std::condition_variable m_WaitChanged;  // on m_WaitLock
+    bool m_ExitRequested GUARDED_BY(m_WaitLock) = false;
+    bool m_Awakened GUARDED_BY(m_WaitLock) = false;
+    bool m_Entered GUARDED_BY(m_WaitLock) = false;
 };
 
 }  // namespace NorvCore

@@ -85,7 +85,7 @@ void CSyslogger::UpdateConfig() {
         hostName = wxGetHostName();
     }
 
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     m_Cef = cef;
     m_Format = format;
     m_Vendor = vendor;
@@ -95,19 +95,19 @@ void CSyslogger::UpdateConfig() {
 }
 
 bool CSyslogger::GetSyslogFormatCEF() const {
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     return m_Cef;
 }
 
 int CSyslogger::GetSyslogFormat() const {
-    std::lock_guard<std::mutex> guard(m_Lock);
+    CMutexLocker guard(m_Lock);
     return m_Format;
 }
 
 void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
     wxString header = wxS("CEF:0|");
     {
-        std::lock_guard<std::mutex> guard(m_Lock);
+        CMutexLocker guard(m_Lock);
         header << EscapeCEFPrefix(m_Vendor) << wxS('|') << EscapeCEFPrefix(m_Product) << wxS('|')
                << EscapeCEFPrefix(m_Version) << wxS('|');
     }
@@ -117,7 +117,7 @@ void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
 void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
     wxString hostName;
     {
-        std::lock_guard<std::mutex> guard(m_Lock);
+        CMutexLocker guard(m_Lock);
         hostName = m_HostName;
     }
     AppendUtf8(
@@ -125,10 +125,19 @@ void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
         wxString::Format(" dvchost=%s deviceExternalId=%d", EscapeCEFExtension(hostName), hostId));
 }
 
+bool CSyslogger::IsControlCharacter(wxUniChar c) {
+    const wxUniChar::value_type v = c.GetValue();
+    return v < 0x20 || (v >= 0x7F && v <= 0x9F) || v == 0x2028 || v == 0x2029;
+}
+
 wxString CSyslogger::EscapeCEFPrefix(const wxString& text) {
     wxString escaped;
     escaped.reserve(text.length());
     for (wxString::const_iterator it = text.begin(); it != text.end(); ++it) {
+        if (IsControlCharacter(*it)) {
+            escaped += wxS(' ');
+            continue;
+        }
         if (*it == wxS('\\') || *it == wxS('|')) {
             escaped += wxS('\\');
         }
@@ -145,6 +154,8 @@ wxString CSyslogger::EscapeCEFExtension(const wxString& text) {
             escaped += wxS("\\n");
         } else if (*it == wxS('\r')) {
             escaped += wxS("\\r");
+        } else if (IsControlCharacter(*it)) {
+            escaped += wxS(' ');
         } else {
             if (*it == wxS('\\') || *it == wxS('=')) {
                 escaped += wxS('\\');

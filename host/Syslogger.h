@@ -17,10 +17,11 @@
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 #include <string>
 
 #include <wx/string.h>
+
+#include "host/Lock.h"
 
 namespace NorvCore {
 
@@ -41,22 +42,28 @@ public:
     // Appends " dvchost=<host name> deviceExternalId=<hostId>", the same way.
     void AppendHostIdentityCEF(int hostId, char* buffer, size_t size);
 
-    // A header field: backslash and bar escaped by a backslash.
+    // A header field: backslash and bar escaped by a backslash. A header may
+    // hold no line break at all, so every control character becomes a blank.
     static wxString EscapeCEFPrefix(const wxString& text);
     // An extension value: backslash and equals sign escaped by a backslash,
-    // line feed written as \n and carriage return as \r.
+    // line feed written as \n and carriage return as \r; any other control
+    // character becomes a blank.
     static wxString EscapeCEFExtension(const wxString& text);
+    // Whether c must not stand raw in a message, where a receiver could take
+    // it for the end of the message or of a field: a control character (C0,
+    // DEL, C1) or the Unicode line and paragraph separators.
+    static bool IsControlCharacter(wxUniChar c);
 
 private:
     const std::string m_Name;
 
-    mutable std::mutex m_Lock;  // guards the values below
-    bool m_Cef = false;
-    int m_Format = 0;
-    wxString m_Vendor;
-    wxString m_Product;
-    wxString m_Version;
-    wxString m_HostName;
+    mutable CMutex m_Lock;
+    bool m_Cef GUARDED_BY(m_Lock) = false;
+    int m_Format GUARDED_BY(m_Lock) = 0;
+    wxString m_Vendor GUARDED_BY(m_Lock);
+    wxString m_Product GUARDED_BY(m_Lock);
+    wxString m_Version GUARDED_BY(m_Lock);
+    wxString m_HostName GUARDED_BY(m_Lock);
 };
 
 }  // namespace NorvCore

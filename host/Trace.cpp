@@ -13,11 +13,11 @@
 #include <cstring>
 #include <cwchar>
 #include <deque>
-#include <mutex>
-#include <shared_mutex>
 
 #include <wx/log.h>
 #include <wx/thread.h>
+
+#include "host/Lock.h"
 
 namespace NorvCore {
 
@@ -29,11 +29,11 @@ constexpr size_t kMaxKeptLines = 10000;
 enum TraceMode : int { TraceNone, TraceAll, TraceList };
 
 std::atomic<int> s_Mode{TraceNone};
-std::shared_mutex s_CategoryLock;        // guards s_Categories
-std::vector<std::wstring> s_Categories;  // guarded by s_CategoryLock
+CSharedMutex s_CategoryLock;
+std::vector<std::wstring> s_Categories GUARDED_BY(s_CategoryLock);
 
-std::mutex s_TraceLinesLock;           // guards s_TraceLines
-std::deque<std::string> s_TraceLines;  // guarded by s_TraceLinesLock
+CMutex s_TraceLinesLock;
+std::deque<std::string> s_TraceLines GUARDED_BY(s_TraceLinesLock);
 
 void KeepLine(std::deque<std::string>& lines, std::string line) {
     if (lines.size() >= kMaxKeptLines) {
@@ -56,7 +56,7 @@ std::string Trim(const std::string& text) {
 class COperatorLog : public wxLog {
 public:
     std::vector<std::string> TakeLines() {
-        std::lock_guard<std::mutex> guard(m_LinesLock);
+        CMutexLocker guard(m_LinesLock);
         std::vector<std::string> lines(m_Lines.begin(), m_Lines.end());
         m_Lines.clear();
         return lines;
@@ -74,14 +74,14 @@ protected:
         }
         std::string line = prefix;
         line += msg.utf8_str().data();
-        std::lock_guard<std::mutex> guard(m_LinesLock);
+        CMutexLocker guard(m_LinesLock);
         fprintf(stderr, "%s\n", line.c_str());
         KeepLine(m_Lines, std::move(line));
     }
 
 private:
-    std::mutex m_LinesLock;           // guards m_Lines
-    std::deque<std::string> m_Lines;  // guarded by m_LinesLock
+    CMutex m_LinesLock;
+    std::deque<std::string> m_Lines GUARDED_BY(m_LinesLock);
 };
 
 COperatorLog* OperatorLog() {
@@ -99,7 +99,7 @@ bool LogTraceIsEnabled(const wchar_t* category) {
     if (mode == TraceAll) {
         return true;
     }
-    std::shared_lock<std::shared_mutex> guard(s_CategoryLock);
+    CSharedLocker guard(s_CategoryLock);
     for (const std::wstring& enabled : s_Categories) {
         if (wcscmp(enabled.c_str(), category) == 0) {
             return true;
@@ -144,7 +144,7 @@ void LogTrace(const wxString& category, const char* file, int line, const char* 
     if (getenv("NORV_TRACE_STDERR") != nullptr) {
         fprintf(stderr, "%s\n", text.c_str());
     }
-    std::lock_guard<std::mutex> guard(s_TraceLinesLock);
+    CMutexLocker guard(s_TraceLinesLock);
     KeepLine(s_TraceLines, std::move(text));
 }
 
@@ -165,14 +165,14 @@ void SetTraceCategories(const std::string& categories) {
         }
         start = comma + 1;
     }
-    std::unique_lock<std::shared_mutex> guard(s_CategoryLock);
+    CExclusiveLocker guard(s_CategoryLock);
     s_Categories.swap(list);
     s_Mode.store(all ? TraceAll : (s_Categories.empty() ? TraceNone : TraceList),
                  std::memory_order_release);
 }
 
 std::vector<std::string> TakeTraceLines() {
-    std::lock_guard<std::mutex> guard(s_TraceLinesLock);
+    CMutexLocker guard(s_TraceLinesLock);
     std::vector<std::string> lines(s_TraceLines.begin(), s_TraceLines.end());
     s_TraceLines.clear();
     return lines;

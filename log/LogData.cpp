@@ -85,9 +85,12 @@ void LogData::initialize() {
     m_LogFileSizeKB = 1024;
     m_NumberOfOldCopies = 7;
     m_WriteVerbatim = false;
-    m_CacheMaxRecords = 128;
-    m_CacheLifetimeMsec = 1800000;
-    m_CacheStaleMsec = 900000;
+    {
+        NorvCore::CCriticalSectionLocker lock(m_CacheLock);
+        m_CacheMaxRecords = 128;
+        m_CacheLifetimeMsec = 1800000;
+        m_CacheStaleMsec = 900000;
+    }
     m_LastConfigUpdate = ~u64(0);
     m_IgnoreIpList = nullptr;
     m_LastInterfaceIndex = ~u32(0);
@@ -161,6 +164,11 @@ void LogData::SetLogFilePath(wxString path) {
 }
 
 bool LogData::InitializeLogFile() {
+    NorvCore::CCriticalSectionLocker lock(m_FileLock);
+    return OpenLogFile();
+}
+
+bool LogData::OpenLogFile() {
     if (m_LogFile.IsOpened()) {
         return true;
     }
@@ -210,7 +218,7 @@ void LogData::DrainQueue(u32 waitMsec) {
     const u32 start = NorvCore::SystemTickCount();
     while (NorvCore::SystemTickCount() - start < 750) {
         {
-            wxCriticalSectionLocker lock(m_QueueLock);
+            NorvCore::CCriticalSectionLocker lock(m_QueueLock);
             if (m_FormatQueue.empty()) {
                 return;
             }

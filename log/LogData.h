@@ -30,6 +30,7 @@
 #include "analysis/AnalysisTypes.h"
 #include "config/IpList.h"
 #include "host/Dom.h"
+#include "host/Lock.h"
 #include "host/Syslogger.h"
 #include "host/Ticks.h"
 #include "host/Types.h"
@@ -73,7 +74,7 @@ public:
     int GetNumberOfOldCopies() const { return m_NumberOfOldCopies; }
 
     // Opens the log file for appending, making its folder where needed.
-    bool InitializeLogFile();
+    bool InitializeLogFile() EXCLUDES(m_FileLock);
     // Waits (up to a fixed 750 ms) for the queue of events awaiting
     // formatting to empty.
     void DrainQueue(u32 waitMsec);
@@ -102,7 +103,7 @@ public:
     // Writes what is due (everything when force is set). False when a line
     // could not be written or the file could not be closed or rotated.
     bool FlushBufferedData(bool force);
-    bool WriteRecord(const std::string& line, const LogRecordValue& value);
+    bool WriteRecord(const std::string& line, const LogRecordValue& value) EXCLUDES(m_FileLock);
 
     // Read-back: the lines of one role (LogRole) whose first time lies in
     // the span (seconds since 1970, 0 for open), oldest file first, each
@@ -127,11 +128,11 @@ public:
     bool WriteProbeEvent(int type, u32 address, u8 protocol, ConfigUtils* config,
                          const FlowStats* scanStats);
 
-    // The file store.
-    bool WriteRawData(size_t length, const void* bytes);
-    bool CloseLogFile();
-    bool RotateFiles();
-    bool RemoveOldFiles(bool onlyOldest);
+    // The file store, with m_FileLock held.
+    bool WriteRawData(size_t length, const void* bytes) REQUIRES(m_FileLock);
+    bool CloseLogFile() REQUIRES(m_FileLock);
+    bool RotateFiles() REQUIRES(m_FileLock);
+    bool RemoveOldFiles(bool onlyOldest) REQUIRES(m_FileLock);
 
     // The write call of the store; tests replace it to inject faults.
     typedef ssize_t (*WriteFunction)(int fd, const void* bytes, size_t length);
@@ -154,6 +155,8 @@ public:
 
 private:
     void initialize();
+    // InitializeLogFile with m_FileLock held.
+    bool OpenLogFile() REQUIRES(m_FileLock);
     void ReadAnalysisSettings();
     void ParseIgnoreTcpFlags(const std::string& text);
     // The number of a family member: its extension read as a decimal number,
@@ -169,16 +172,18 @@ private:
     bool ConfigFailed() const;
     bool ReadConfiguration(bool packetRecord);
     bool ReadAnalysisConfiguration();
-    // Installs a list read from the configuration and frees the one it
-    // replaces, under lock where one guards the field.
-    static void ReplaceList(IpList*& field, IpList* replacement, wxCriticalSection* lock);
+    // Installs a list read from the configuration in field; returns the list
+    // it replaced, for the caller to free once it has left the field's lock,
+    // or null when the list is the same.
+    static IpList* ExchangeList(IpList*& field, IpList* replacement);
     // Scoring of one source's closed bin, and one observation of a candidate
     // (the entry may be erased). Detections go to reports, to be carried out
     // by ReportProbe once the caller holds no lock.
     void AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
                                std::vector<ProbeReport>& reports);
     void UpdateLikelihoodRatio(std::map<IpProtocolKey, ScanCandidate>::iterator candidate,
-                               bool suspect, std::vector<ProbeReport>& reports);
+                               bool suspect, std::vector<ProbeReport>& reports)
+        REQUIRES(m_LikelihoodRatiosLock);
     // Records a new detection in m_ProbingIps and appends it to reports;
     // silent for a known one. False only when the type is not enabled.
     bool RecordProbe(int type, u32 address, u8 protocol, const FlowStats* scanStats,
@@ -187,34 +192,34 @@ private:
     void ReportProbe(const ProbeReport& report, ConfigUtils* config);
     // One file of a read-back; false when the read-back ends with it.
     bool ReadBackFile(const wxString& path, bool primary, const ReadBackSpan& span,
-                      LogLineSink* sink);
+                      LogLineSink* sink) REQUIRES(m_ReadLock);
     // Appends " HOSTID=<id>" with the configuration's host id.
     void AppendHostIdentity(char* buffer, size_t size);
 
-    wxCriticalSection m_ReadLock;       // held through a read-back
-    wxCriticalSection m_QueueLock;      // guards m_FormatQueue
-    bool m_TraceEnabled = false;        // category "vexil" at construction
-    wxString m_LogName;                 // label in trace lines; stays empty
-    u64 m_CacheMaxRecords = 128;        // m_CacheLock
-    u32 m_CacheLifetimeMsec = 1800000;  // m_CacheLock
+    NorvCore::CCriticalSection m_ReadLock;  // held through a read-back
+    NorvCore::CCriticalSection m_QueueLock;
+    bool m_TraceEnabled = false;  // category "vexil" at construction
+    wxString m_LogName;           // label in trace lines; stays empty
+    u64 m_CacheMaxRecords GUARDED_BY(m_CacheLock) = 128;
+    u32 m_CacheLifetimeMsec GUARDED_BY(m_CacheLock) = 1800000;
     wxString m_LogFileFullPath;
     wxString m_LogFilePath;
     wxString m_LogFileName;
-    wxString m_LastBadFile;  // m_ReadLock
+    wxString m_LastBadFile GUARDED_BY(m_ReadLock);
     i32 m_LogFileSizeKB = 1024;
     i32 m_NumberOfOldCopies = 7;
     IpList* m_IgnoreIpList = nullptr;  // owned
     const char* const m_LastLineKeys[3] = {
         "norvp.vexil.lastline.packet", "norvp.vexil.lastline.payload", "norvp.vexil.lastline.pcap"};
-    std::deque<std::string> m_FormatQueue;  // m_QueueLock
+    std::deque<std::string> m_FormatQueue GUARDED_BY(m_QueueLock);
     u64 m_LastConfigUpdate = ~u64(0);
-    std::map<std::string, LogRecordValue> m_LogRecordMap;  // m_CacheLock
-    wxCriticalSection m_CacheLock;
-    u32 m_CacheStaleMsec = 900000;      // m_CacheLock
-    wxCriticalSection m_FileLock;       // held while a line is written
-    wxFile m_LogFile;                   // m_FileLock (or m_CacheLock when closing)
-    bool m_OutOfSpaceReported = false;  // m_FileLock
-    WriteFunction m_WriteFunction;      // ::write but in fault-injection tests
+    std::map<std::string, LogRecordValue> m_LogRecordMap GUARDED_BY(m_CacheLock);
+    NorvCore::CCriticalSection m_CacheLock ACQUIRED_BEFORE(m_FileLock);
+    u32 m_CacheStaleMsec GUARDED_BY(m_CacheLock) = 900000;
+    NorvCore::CCriticalSection m_FileLock;  // held while a line is written
+    wxFile m_LogFile GUARDED_BY(m_FileLock);
+    bool m_OutOfSpaceReported GUARDED_BY(m_FileLock) = false;
+    WriteFunction m_WriteFunction;  // ::write but in fault-injection tests
     bool m_WriteVerbatim = false;
     NorvCore::CDom* m_Dom;  // not owned
     NorvCore::CSyslogger m_Syslogger;
@@ -222,22 +227,22 @@ private:
     bool m_ScanTraceEnabled = false;       // category "LogScan" at construction
     u32 m_LastTimeBinTicks =
         NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
-    IpList* m_DestIpList = nullptr;   // m_DestIpListLock
-    wxCriticalSection m_DestIpListLock;
-    IpList* m_DestIpv6List = nullptr;  // m_DestIpv6ListLock
-    wxCriticalSection m_DestIpv6ListLock;
-    IpList* m_WhitelistIpList = nullptr;  // m_WhitelistIpListLock
-    wxCriticalSection m_WhitelistIpListLock;
-    wxCriticalSection m_WhitelistIpv6ListLock;
-    wxCriticalSection m_ProbeConfigLock;
-    i32 m_BlockAttackerSeconds[kProbeTypeCount] = {};       // m_ProbeConfigLock
-    std::bitset<kProbeTypeCount> m_ProbeEnabled;            // m_ProbeConfigLock
-    std::bitset<kProbeTypeCount> m_ProbeNotifyImmediately;  // m_ProbeConfigLock
-    std::map<ProbingHostKey, u32> m_ProbingIps;             // m_ProbingIpsLock
-    wxCriticalSection m_ProbingIpsLock;
+    IpList* m_DestIpList GUARDED_BY(m_DestIpListLock) = nullptr;
+    NorvCore::CCriticalSection m_DestIpListLock;
+    IpList* m_DestIpv6List GUARDED_BY(m_DestIpv6ListLock) = nullptr;
+    NorvCore::CCriticalSection m_DestIpv6ListLock;
+    IpList* m_WhitelistIpList GUARDED_BY(m_WhitelistIpListLock) = nullptr;
+    NorvCore::CCriticalSection m_WhitelistIpListLock;
+    NorvCore::CCriticalSection m_WhitelistIpv6ListLock;  // guards no field: IPv6 sources pass
+    NorvCore::CCriticalSection m_ProbeConfigLock;
+    i32 m_BlockAttackerSeconds[kProbeTypeCount] GUARDED_BY(m_ProbeConfigLock) = {};
+    std::bitset<kProbeTypeCount> m_ProbeEnabled GUARDED_BY(m_ProbeConfigLock);
+    std::bitset<kProbeTypeCount> m_ProbeNotifyImmediately GUARDED_BY(m_ProbeConfigLock);
+    std::map<ProbingHostKey, u32> m_ProbingIps GUARDED_BY(m_ProbingIpsLock);
+    NorvCore::CCriticalSection m_ProbingIpsLock;
     u32 m_ScanningIpsRetentionMsec = 300000;
-    std::map<IpProtocolKey, FlowStats> m_TerminatedFlows;  // m_TerminatedFlowsLock
-    wxCriticalSection m_TerminatedFlowsLock;
+    std::map<IpProtocolKey, FlowStats> m_TerminatedFlows GUARDED_BY(m_TerminatedFlowsLock);
+    NorvCore::CCriticalSection m_TerminatedFlowsLock ACQUIRED_BEFORE(m_LikelihoodRatiosLock);
     u32 m_TimeBinMsec = 10000;
     double m_ScanIpsPerPort = 3.0;
     double m_ScanPortsPerIpFlagNow = 64.0;
@@ -246,8 +251,9 @@ private:
     double m_ScanRatioCleanBin = 0.25;
     double m_ScanLikelihoodRatioFloor = 0.01;
     double m_ScanRatioSuspectBin = 4.0;
-    std::map<IpProtocolKey, ScanCandidate> m_LikelihoodRatios;  // m_LikelihoodRatiosLock
-    wxCriticalSection m_LikelihoodRatiosLock;
+    std::map<IpProtocolKey, ScanCandidate> m_LikelihoodRatios GUARDED_BY(m_LikelihoodRatiosLock);
+    NorvCore::CCriticalSection m_LikelihoodRatiosLock ACQUIRED_BEFORE(m_ProbeConfigLock,
+                                                                      m_ProbingIpsLock);
     std::set<u8> m_IgnoreTcpFlags;
     u32 m_LastInterfaceIndex = ~u32(0);
     i32 m_LastInterfaceId = -1;

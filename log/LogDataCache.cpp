@@ -15,7 +15,7 @@ namespace VEXIL {
 
 bool LogData::CacheRecord(const std::string& line, u64 firstTimeUsec, u64 lastTimeUsec, u32 count) {
     {
-        wxCriticalSectionLocker lock(m_CacheLock);
+        NorvCore::CCriticalSectionLocker lock(m_CacheLock);
         const u32 now = NorvCore::SystemTickCount();
         auto found = m_LogRecordMap.find(line);
         if (found != m_LogRecordMap.end()) {
@@ -46,7 +46,7 @@ bool LogData::CacheRecord(const std::string& line, u64 firstTimeUsec, u64 lastTi
 }
 
 bool LogData::FlushBufferedData(bool force) {
-    wxCriticalSectionLocker lock(m_CacheLock);
+    NorvCore::CCriticalSectionLocker lock(m_CacheLock);
     const u32 now = NorvCore::SystemTickCount();
     auto oldest = m_LogRecordMap.end();
     u32 largestAge = 0;
@@ -96,6 +96,7 @@ bool LogData::FlushBufferedData(bool force) {
         }
     }
 
+    NorvCore::CCriticalSectionLocker fileLock(m_FileLock);
     if (!CloseLogFile()) {
         result = false;
     }
@@ -103,8 +104,8 @@ bool LogData::FlushBufferedData(bool force) {
 }
 
 bool LogData::WriteRecord(const std::string& line, const LogRecordValue& value) {
-    wxCriticalSectionLocker lock(m_FileLock);
-    if (!InitializeLogFile()) {
+    NorvCore::CCriticalSectionLocker lock(m_FileLock);
+    if (!OpenLogFile()) {
         return false;
     }
     if (m_WriteVerbatim) {

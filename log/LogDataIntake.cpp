@@ -141,7 +141,7 @@ bool LogData::ReadConfiguration(bool packetRecord) {
     IpList* ignoreList = m_IgnoreIpList;
     const bool read = m_ConfigUtils->getAgentConfigurationPacketFilterLog(
         size, keep, ignoreList, cacheSize, cacheLifetime, cacheStaletime);
-    ReplaceList(m_IgnoreIpList, ignoreList, nullptr);
+    delete ExchangeList(m_IgnoreIpList, ignoreList);
     if (!read) {
         return false;
     }
@@ -162,11 +162,19 @@ bool LogData::ReadConfiguration(bool packetRecord) {
 }
 
 bool LogData::ReadAnalysisConfiguration() {
-    IpList* destList = m_DestIpList;
-    IpList* whitelist = m_WhitelistIpList;
+    IpList* destList;
+    IpList* whitelist;
+    {
+        NorvCore::CCriticalSectionLocker lock(m_DestIpListLock);
+        destList = m_DestIpList;
+    }
+    {
+        NorvCore::CCriticalSectionLocker lock(m_WhitelistIpListLock);
+        whitelist = m_WhitelistIpList;
+    }
     u32 blockSeconds[kProbeTypeCount];
     {
-        wxCriticalSectionLocker lock(m_ProbeConfigLock);
+        NorvCore::CCriticalSectionLocker lock(m_ProbeConfigLock);
         for (int i = 0; i < kProbeTypeCount; ++i) {
             blockSeconds[i] = u32(m_BlockAttackerSeconds[i]);
         }
@@ -175,9 +183,18 @@ bool LogData::ReadAnalysisConfiguration() {
     u32 notify = 0;
     const bool read = m_ConfigUtils->getAgentConfigurationTrafficAnalysis(
         destList, whitelist, blockSeconds, enabled, notify);
-    ReplaceList(m_DestIpList, destList, &m_DestIpListLock);
-    ReplaceList(m_WhitelistIpList, whitelist, &m_WhitelistIpListLock);
-    wxCriticalSectionLocker lock(m_ProbeConfigLock);
+    IpList* replaced[2];
+    {
+        NorvCore::CCriticalSectionLocker lock(m_DestIpListLock);
+        replaced[0] = ExchangeList(m_DestIpList, destList);
+    }
+    {
+        NorvCore::CCriticalSectionLocker lock(m_WhitelistIpListLock);
+        replaced[1] = ExchangeList(m_WhitelistIpList, whitelist);
+    }
+    delete replaced[0];
+    delete replaced[1];
+    NorvCore::CCriticalSectionLocker lock(m_ProbeConfigLock);
     for (int i = 0; i < kProbeTypeCount; ++i) {
         m_BlockAttackerSeconds[i] = i32(blockSeconds[i]);
     }
@@ -186,20 +203,13 @@ bool LogData::ReadAnalysisConfiguration() {
     return read;
 }
 
-void LogData::ReplaceList(IpList*& field, IpList* replacement, wxCriticalSection* lock) {
+IpList* LogData::ExchangeList(IpList*& field, IpList* replacement) {
     if (field == replacement) {
-        return;
+        return nullptr;
     }
-    IpList* old;
-    if (lock != nullptr) {
-        wxCriticalSectionLocker guard(*lock);
-        old = field;
-        field = replacement;
-    } else {
-        old = field;
-        field = replacement;
-    }
-    delete old;
+    IpList* const old = field;
+    field = replacement;
+    return old;
 }
 
 void LogData::SetCacheLimits(u64 cacheSize, u32 cacheLifetime, u32 cacheStaletime) {
@@ -212,14 +222,14 @@ void LogData::SetCacheLimits(u64 cacheSize, u32 cacheLifetime, u32 cacheStaletim
         cacheStaletime = cacheStaletime < 10000 ? 10000 : std::min(cacheStaletime, cacheLifetime);
     }
     {
-        wxCriticalSectionLocker lock(m_CacheLock);
+        NorvCore::CCriticalSectionLocker lock(m_CacheLock);
         m_CacheMaxRecords = cacheSize;
         m_CacheLifetimeMsec = cacheLifetime;
         m_CacheStaleMsec = cacheStaletime;
     }
     // Shrink to the new size, one eviction per pass, while the flush succeeds.
     while (FlushBufferedData(false)) {
-        wxCriticalSectionLocker lock(m_CacheLock);
+        NorvCore::CCriticalSectionLocker lock(m_CacheLock);
         if (m_LogRecordMap.size() <= cacheSize) {
             break;
         }

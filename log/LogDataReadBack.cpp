@@ -209,10 +209,10 @@ bool LogData::GetLogData(int role, i64 startTime, i64 endTime, const wxString& u
     DrainQueue(750);
     u32 lifetimeMsec;
     {
-        wxCriticalSectionLocker lock(m_CacheLock);
+        NorvCore::CCriticalSectionLocker lock(m_CacheLock);
         lifetimeMsec = m_CacheLifetimeMsec;
     }
-    wxCriticalSectionLocker lock(m_ReadLock);
+    NorvCore::CCriticalSectionLocker lock(m_ReadLock);
     NORV_TRACE(L"vexil", wxString::Format("GetLogData(%llu, %llu, %.128s) for %.32s",
                                           (unsigned long long)startTime,
                                           (unsigned long long)endTime, uuid, m_LogName));

@@ -25,9 +25,35 @@ constexpr size_t kLogBufSize = 0x10000;
 // clipped to the eight bytes of the field, only to the working copy.
 constexpr size_t kInterfaceMacOffset = 44;
 
-wxString Underscored(wxString text) {
-    text.Replace(" ", "_");
-    return text;
+// A value of the native form: fields are split at blanks, and a receiver
+// ends the message at a line break, so every blank and control character
+// becomes '_'; no value can then start a field or a message of its own.
+wxString NativeValue(const wxString& text) {
+    wxString shown;
+    shown.reserve(text.length());
+    for (wxString::const_iterator it = text.begin(); it != text.end(); ++it) {
+        const bool separator = *it == wxS(' ') || CSyslogger::IsControlCharacter(*it);
+        shown += separator ? wxUniChar('_') : *it;
+    }
+    return shown;
+}
+
+// A text that filled the buffer may end in part of a multi-byte character;
+// that part goes, so that the message stays valid UTF-8.
+void DropCutCharacter(char* text, size_t length) {
+    size_t lead = length;
+    while (lead > 0 && length - lead < 4 && (u8(text[lead - 1]) & 0xC0) == 0x80) {
+        --lead;
+    }
+    if (lead == 0) {
+        return;
+    }
+    --lead;  // the byte that begins the last character
+    const u8 first = u8(text[lead]);
+    const size_t needed = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : first >= 0xC0 ? 2 : 1;
+    if (length - lead < needed) {
+        text[lead] = '\0';
+    }
 }
 
 wxString HexText(const u8* bytes, size_t count) {
@@ -150,7 +176,7 @@ void AppendEthernet(char* logBuf, const DriverLogEntry* record, const ConfigUtil
     const std::string mac = HexText(record->interface_mac(), macLength).ToStdString();
     wxString name;
     config.getInterfaceName(mac, name);
-    const std::string shown = Underscored(name).utf8_string();
+    const std::string shown = NativeValue(name).utf8_string();
     strcat_safe(logBuf, kLogBufSize, " IN=");
     if (incoming) {
         strcat_safe(logBuf, kLogBufSize, shown.c_str());
@@ -252,7 +278,7 @@ void AppendNote(char* logBuf, const DriverLogEntry* record, bool cef) {
     const char* key = cef ? "cs1" : "NOTE";
     if (printable) {
         const wxString text = wxString::FromUTF8(reinterpret_cast<const char*>(note), length);
-        const wxString shown = cef ? CSyslogger::EscapeCEFExtension(text) : Underscored(text);
+        const wxString shown = cef ? CSyslogger::EscapeCEFExtension(text) : NativeValue(text);
         snprintfcat(logBuf, kLogBufSize, " %s=%s", key, static_cast<const char*>(shown.utf8_str()));
     } else {
         wxString encoded = NorvCore::toBase64String(
@@ -329,7 +355,7 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
     char logBuf[kLogBufSize];
     logBuf[0] = '\0';
     if (!cef) {
-        const wxString label = Underscored(name.label);
+        const wxString label = NativeValue(name.label);
         const wxScopedCharBuffer ascii = label.ToAscii();
         if (packetRecord) {
             snprintfcat(logBuf, kLogBufSize, "REASON=%.128s", ascii.data());
@@ -347,7 +373,7 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
     if (packetRecord && format != 1) {
         wxString act = (record->action() & 0x80) ? "IDS:" : "";
         act += PacketActionText(name.packetAction);
-        act = format == 0 ? Underscored(act) : CSyslogger::EscapeCEFExtension(act);
+        act = format == 0 ? NativeValue(act) : CSyslogger::EscapeCEFExtension(act);
         snprintfcat(logBuf, kLogBufSize, " act=%.32s", static_cast<const char*>(act.utf8_str()));
     }
     if (record->flags() & DriverLogEntry::kEthernetValid) {
@@ -358,6 +384,10 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
     if (!packetRecord) {
         AppendPayloadFields(logBuf, record, cef, format);
         wxASSERT_MSG(strlen(logBuf) < sizeof(logBuf) - 1, "strlen(LogBuf) < sizeof(LogBuf) - 1");
+    }
+    const size_t length = strlen(logBuf);
+    if (length == kLogBufSize - 1) {
+        DropCutCharacter(logBuf, length);
     }
     result.assign(logBuf);
 

@@ -57,7 +57,7 @@ CSSLCertThread::CSSLCertThread(NorvCore::CDom& dom)
                    "CSSLCertThread::Settings Cpu=%u TPC=%u MaxWorkers=%u QMax=%u",
                    static_cast<unsigned>(m_CpuCount), static_cast<unsigned>(threadsPerCpu),
                    static_cast<unsigned>(m_MaxWorkers), static_cast<unsigned>(m_QueueSizeMax)));
-    m_WakeCondition.reset(new wxCondition(m_WakeMutex));
+    m_WakeCondition.reset(new wxCondition(m_WakeMutex.Native()));
     // The stand-in for a manual-reset event: once written it stays readable.
     m_DriverEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_DriverEvent < 0) {
@@ -79,7 +79,7 @@ const char* CSSLCertThread::GetThreadName() const {
 
 void CSSLCertThread::interrupt() {
     {
-        wxCriticalSectionLocker lock(m_EventLock);
+        NorvCore::CCriticalSectionLocker lock(m_EventLock);
         if (m_DriverEvent >= 0 && eventfd_write(m_DriverEvent, 1) != 0) {
             wxLogSysError("CSSLCertThread: the driver event can't be set");
         }
@@ -88,7 +88,7 @@ void CSSLCertThread::interrupt() {
 }
 
 void CSSLCertThread::CloseDriverEvent() {
-    wxCriticalSectionLocker lock(m_EventLock);
+    NorvCore::CCriticalSectionLocker lock(m_EventLock);
     if (m_DriverEvent >= 0) {
         close(m_DriverEvent);
         m_DriverEvent = -1;
@@ -132,7 +132,7 @@ void CSSLCertThread::OnRun() {
 }
 
 void CSSLCertThread::RegisterDriverEvent(norvi_handle_t handle) {
-    wxCriticalSectionLocker lock(m_EventLock);
+    NorvCore::CCriticalSectionLocker lock(m_EventLock);
     if (m_DriverEvent < 0) {
         return;
     }
@@ -193,7 +193,7 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
         if (dataLen > 0) {
             item.append(static_cast<const char*>(data), dataLen);
         }
-        wxCriticalSectionLocker lock(m_QueueLock);
+        NorvCore::CCriticalSectionLocker lock(m_QueueLock);
         if (m_WorkQueue.size() < m_QueueSizeMax) {
             m_WorkQueue.push_back(std::move(item));
             added = 1;
@@ -215,7 +215,7 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
         WakeWorkers(false);
     }
     if (m_TraceEnabled) {
-        wxCriticalSectionLocker lock(m_QueueLock);
+        NorvCore::CCriticalSectionLocker lock(m_QueueLock);
         NORV_TRACE(kTraceCategory,
                    wxString::Format("Added %u items to the queue.  Queue size is currently %u",
                                     added, static_cast<unsigned>(m_WorkQueue.size())));
@@ -265,11 +265,11 @@ void CSSLCertThread::OnSecurityConfigurationChanged() {
     NORV_TRACE(kTraceCategory, "CSSLCertThread::OnSecurityConfigurationChanged()");
     {
         // A failed read leaves a list as that read left it.
-        wxCriticalSectionLocker lock(m_ConfigLock);
+        NorvCore::CCriticalSectionLocker lock(m_ConfigLock);
         m_Dom.ConfigGetXml(kCredentialsPath, m_Credentials);
         m_Dom.ConfigGetXml(kHostConfigurationsPath, m_HostConfigurations);
     }
-    wxCriticalSectionLocker lock(m_WorkerLock);
+    NorvCore::CCriticalSectionLocker lock(m_WorkerLock);
     for (const std::unique_ptr<CSSLCertThreadWorker>& worker : m_Workers) {
         if (worker != nullptr && worker->isRunning()) {
             worker->InvalidateKeyCache();
@@ -281,7 +281,7 @@ bool CSSLCertThread::FindSSLConfiguration(u32 id, CSSLHostConfiguration& hostCon
                                           CSSLCredential& credential) {
     hostConfiguration.SetToDefaults();
     credential.SetToDefaults();
-    wxCriticalSectionLocker lock(m_ConfigLock);
+    NorvCore::CCriticalSectionLocker lock(m_ConfigLock);
     for (NorvCore::XMLObject* item : m_HostConfigurations.Children()) {
         // The list's factory makes every item, so each is of this class.
         auto* entry = static_cast<CSSLHostConfiguration*>(item);

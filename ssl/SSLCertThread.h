@@ -28,6 +28,7 @@
 #include <wx/thread.h>
 
 #include "host/Dom.h"
+#include "host/Lock.h"
 #include "host/Runnable.h"
 #include "host/Types.h"
 #include "host/norvi.h"
@@ -66,34 +67,37 @@ public:
                              const void* preMaster, size_t preMasterSize);
     // Reloads the records from the configuration and has every running worker
     // drop its key cache before its next lookup. Any thread but a worker.
-    void OnSecurityConfigurationChanged();
+    void OnSecurityConfigurationChanged() EXCLUDES(m_ConfigLock, m_WorkerLock);
     // Copies the first host configuration with the id whose credential exists,
     // and that credential, into the outputs. False when there is none; the
     // host configuration then holds the last one with the id, or defaults.
     bool FindSSLConfiguration(u32 id, CSSLHostConfiguration& hostConfiguration,
-                              CSSLCredential& credential);
+                              CSSLCredential& credential) EXCLUDES(m_ConfigLock);
 
     // The pool, driven by the listener: brings the worker table up to date
     // (reaps workers that have ended) and starts workers until there is one
     // for every eight of queueSize items, within m_MaxWorkers.
-    void ManageWorkerThreads(size_t queueSize);
+    void ManageWorkerThreads(size_t queueSize) EXCLUDES(m_WorkerLock, m_QueueLock, m_WakeMutex);
     // Ends every worker (the queue gets the shutdown marker) and frees the
     // table. A worker finishes the request in hand; what is still queued then
     // stays unanswered.
-    void ShutdownWorkerThreads();
+    void ShutdownWorkerThreads() EXCLUDES(m_WorkerLock, m_QueueLock, m_WakeMutex);
 
     // For workers.
     NorvCore::CDom& Dom() const { return m_Dom; }
     enum class WorkItem { None, Request, Shutdown };
     // Takes the front of the queue into item. The shutdown marker is put back
     // at the end of the queue for the next worker.
-    WorkItem TakeWorkItem(std::string& item);
+    WorkItem TakeWorkItem(std::string& item) EXCLUDES(m_QueueLock);
+    // Requests queued and not yet taken by a worker (the shutdown marker not
+    // counted). After a stop, these are the requests left without an answer.
+    size_t QueuedRequests() EXCLUDES(m_QueueLock);
     // The count of wake-ups so far; a worker notes it before it looks at the
     // queue and waits only while it hasn't moved, so that no wake-up between
     // its look and its wait is lost.
-    u64 WakeSequence();
+    u64 WakeSequence() EXCLUDES(m_WakeMutex);
     // Waits up to waitMsec for a wake-up after the one counted as seen.
-    void WaitForWork(u64 seen, u32 waitMsec);
+    void WaitForWork(u64 seen, u32 waitMsec) EXCLUDES(m_WakeMutex);
 
 protected:
     void OnRun() override;
@@ -104,36 +108,38 @@ private:
     void ReadRequests(norvi_handle_t handle);
     void RegisterDriverEvent(norvi_handle_t handle);
     // Counts a wake-up and wakes one waiting worker, or all of them.
-    void WakeWorkers(bool all);
+    void WakeWorkers(bool all) EXCLUDES(m_WakeMutex);
     void CloseDriverEvent();
 
     const bool m_TraceEnabled;  // trace category on at construction; gates per-request lines
     NorvCore::CDom& m_Dom;
 
-    wxCriticalSection m_EventLock;  // guards m_DriverEvent against its close while set
-    int m_DriverEvent;              // m_EventLock: eventfd handed to the driver, -1 once closed
+    NorvCore::CCriticalSection m_EventLock;
+    // Handed to the driver (an eventfd), -1 once closed; the lock keeps it
+    // from being closed while it is set or registered.
+    int m_DriverEvent GUARDED_BY(m_EventLock);
 
     u64 m_MaxWorkers;  // size of the worker table, at least 1
     i32 m_CpuCount;    // processors, at least 1
     u64 m_QueueSizeMax;
 
-    wxCriticalSection m_WorkerLock;
-    // m_WorkerLock: slot i holds the worker with index i, or null; the table
-    // is empty until the first ManageWorkerThreads and after the shutdown.
-    std::vector<std::unique_ptr<CSSLCertThreadWorker>> m_Workers;
+    NorvCore::CCriticalSection m_WorkerLock ACQUIRED_BEFORE(m_QueueLock, m_WakeMutex);
+    // Slot i holds the worker with index i, or null; the table is empty until
+    // the first ManageWorkerThreads and after the shutdown.
+    std::vector<std::unique_ptr<CSSLCertThreadWorker>> m_Workers GUARDED_BY(m_WorkerLock);
 
-    wxCriticalSection m_ConfigLock;
-    CSSLCredentials m_Credentials;                // m_ConfigLock
-    CSSLHostConfigurations m_HostConfigurations;  // m_ConfigLock
+    NorvCore::CCriticalSection m_ConfigLock;
+    CSSLCredentials m_Credentials GUARDED_BY(m_ConfigLock);
+    CSSLHostConfigurations m_HostConfigurations GUARDED_BY(m_ConfigLock);
 
-    wxCriticalSection m_QueueLock;
-    // m_QueueLock: pending requests (header and data), oldest first; the
-    // empty string is the shutdown marker.
-    std::deque<std::string> m_WorkQueue;
+    NorvCore::CCriticalSection m_QueueLock;
+    // Pending requests (header and data), oldest first; the empty string is
+    // the shutdown marker.
+    std::deque<std::string> m_WorkQueue GUARDED_BY(m_QueueLock);
 
-    wxMutex m_WakeMutex;
+    NorvCore::CWxMutex m_WakeMutex;
     std::unique_ptr<wxCondition> m_WakeCondition;  // on m_WakeMutex
-    u64 m_WakeSequence;                            // m_WakeMutex
+    u64 m_WakeSequence GUARDED_BY(m_WakeMutex);
 };
 
 }  // namespace VEXIL

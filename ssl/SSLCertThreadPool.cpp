@@ -23,7 +23,7 @@ const u32 kWorkerPriority = 50;
 }  // namespace
 
 void CSSLCertThread::ManageWorkerThreads(size_t queueSize) {
-    wxCriticalSectionLocker lock(m_WorkerLock);
+    NorvCore::CCriticalSectionLocker lock(m_WorkerLock);
     if (m_Workers.empty()) {
         try {
             m_Workers.resize(m_MaxWorkers);
@@ -66,7 +66,7 @@ void CSSLCertThread::ManageWorkerThreads(size_t queueSize) {
 }
 
 void CSSLCertThread::ShutdownWorkerThreads() {
-    wxCriticalSectionLocker lock(m_WorkerLock);
+    NorvCore::CCriticalSectionLocker lock(m_WorkerLock);
     if (m_Workers.empty()) {
         return;
     }
@@ -78,7 +78,7 @@ void CSSLCertThread::ShutdownWorkerThreads() {
     {
         // One marker serves all workers: each puts it back for the next.
         // Without it (no memory) the workers still end on their exit request.
-        wxCriticalSectionLocker queueLock(m_QueueLock);
+        NorvCore::CCriticalSectionLocker queueLock(m_QueueLock);
         try {
             m_WorkQueue.emplace_back();
         } catch (const std::bad_alloc&) {
@@ -98,7 +98,7 @@ void CSSLCertThread::ShutdownWorkerThreads() {
 }
 
 CSSLCertThread::WorkItem CSSLCertThread::TakeWorkItem(std::string& item) {
-    wxCriticalSectionLocker lock(m_QueueLock);
+    NorvCore::CCriticalSectionLocker lock(m_QueueLock);
     if (m_WorkQueue.empty()) {
         return WorkItem::None;
     }
@@ -112,13 +112,22 @@ CSSLCertThread::WorkItem CSSLCertThread::TakeWorkItem(std::string& item) {
     return WorkItem::Shutdown;
 }
 
+size_t CSSLCertThread::QueuedRequests() {
+    NorvCore::CCriticalSectionLocker lock(m_QueueLock);
+    size_t count = 0;
+    for (const std::string& item : m_WorkQueue) {
+        count += item.empty() ? 0 : 1;
+    }
+    return count;
+}
+
 u64 CSSLCertThread::WakeSequence() {
-    wxMutexLocker lock(m_WakeMutex);
+    NorvCore::CWxMutexLocker lock(m_WakeMutex);
     return m_WakeSequence;
 }
 
 void CSSLCertThread::WakeWorkers(bool all) {
-    wxMutexLocker lock(m_WakeMutex);
+    NorvCore::CWxMutexLocker lock(m_WakeMutex);
     ++m_WakeSequence;
     if (all) {
         if (m_WakeCondition->Broadcast() != wxCOND_NO_ERROR) {
@@ -133,7 +142,7 @@ void CSSLCertThread::WakeWorkers(bool all) {
 
 void CSSLCertThread::WaitForWork(u64 seen, u32 waitMsec) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMsec);
-    wxMutexLocker lock(m_WakeMutex);
+    NorvCore::CWxMutexLocker lock(m_WakeMutex);
     while (m_WakeSequence == seen) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());

@@ -42,8 +42,14 @@ TEST(SysloggerTest, SettingsFallBackToDefaults) {
 }
 
 TEST(SysloggerTest, Escapes) {
-    EXPECT_EQ("a\\|b\\\\c=d\nx", CSyslogger::EscapeCEFPrefix("a|b\\c=d\nx"));
+    // A header field keeps no control character: line breaks too become blanks.
+    EXPECT_EQ("a\\|b\\\\c=d x", CSyslogger::EscapeCEFPrefix("a|b\\c=d\nx"));
+    EXPECT_EQ(wxString("v  1  2  3"),
+              CSyslogger::EscapeCEFPrefix(wxString::FromUTF8("v\r\t1\x7f\x01"
+                                                             "2\xC2\x85\t3")));
     EXPECT_EQ("a|b\\\\c\\=d\\r\\ne\\nf", CSyslogger::EscapeCEFExtension("a|b\\c=d\r\ne\nf"));
+    EXPECT_EQ(wxString("x y z"),
+              CSyslogger::EscapeCEFExtension(wxString::FromUTF8("x\ty\xE2\x80\xA8z")));
     const wxString unicode = wxString::FromUTF8("\xC3\xA9=\xF0\x9F\x94\x92");
     EXPECT_EQ(wxString::FromUTF8("\xC3\xA9\\=\xF0\x9F\x94\x92"),
               CSyslogger::EscapeCEFExtension(unicode));

@@ -159,11 +159,11 @@ describe("log:SyslogFormat", function()
 
   it("escapes the header fields and the extension values of CEF", function()
     local message = format(payload { id = 4716, note = "x=y\\" }, true, 2)
-    local head = HEADER .. "id\\|\\\\=|a\\|b\\\\c=d\nx|6|" .. IDENTITY .. " src="
+    local head = HEADER .. "id\\|\\\\=|a\\|b\\\\c=d x|6|" .. IDENTITY .. " src="
     assert.are.equal(head, message:sub(1, #head))
     assert.matches(" cs1=x\\=y\\\\ cs1Label=DPI Note ", message, 1, true)
-    -- The native form joins the blanks of the name only.
-    assert.matches("^REASON=PLD:a|b\\c=d\nx FWD HOSTID=7 ",
+    -- The native form joins the blanks and line breaks of the name only.
+    assert.matches("^REASON=PLD:a|b\\c=d_x FWD HOSTID=7 ",
                    format(payload { id = 4716 }, false, 0))
   end)
 
@@ -201,6 +201,106 @@ describe("log:SyslogFormat", function()
     assert.are.equal(65535, #message)
     local log = table.concat(norv.OperatorLog(), "\n")
     assert.matches("strlen(LogBuf) < sizeof(LogBuf) - 1", log, 1, true)
+  end)
+
+  -- Whether text is well-formed UTF-8.
+  local function validUtf8(text)
+    local i = 1
+    while i <= #text do
+      local c = text:byte(i)
+      local n = c < 0x80 and 1 or c >= 0xC2 and c < 0xE0 and 2 or c >= 0xE0 and c < 0xF0 and 3
+                or c >= 0xF0 and c < 0xF5 and 4 or nil
+      if n == nil or i + n - 1 > #text then return false end
+      for j = i + 1, i + n - 1 do
+        if text:byte(j) < 0x80 or text:byte(j) > 0xBF then return false end
+      end
+      i = i + n
+    end
+    return true
+  end
+
+  -- Control characters, C1 ones and the Unicode line separators included.
+  local function hasControl(text)
+    return text:find("%c") ~= nil or text:find("\194[\128-\159]") ~= nil
+           or text:find("\226\128[\168\169]") ~= nil
+  end
+
+  it("keeps hostile names from forging fields or breaking the message", function()
+    local forged = "x\n<13>CEF:0|v|p|1|9|forged|10| src=6.6.6.6\r\tSRC=6.6.6.6 cnt=9\194\133y"
+    local cfg = config()
+    cfg.payloadFilterMap[4711].name = forged
+    cfg.payloadFilterMap[4711].identifier = "id\n|" .. forged
+    cfg.interfaceMap["0011223344550000"].name = forged
+    dom:SetSetting("norv.syslog.cef.vendor", "V\n" .. forged)
+    dom:SetSetting("norv.syslog.cef.product", "P\r\127")
+    dom:SetSetting("norv.syslog.cef.version", "1\t\226\128\1680")
+    dom:SetSetting("norv.syslog.hostname", "h\n7\tdvchost=evil")
+    local record = payload(ETHERNET, { flags = ETHERNET.flags + 2 })
+
+    -- CEF: the header is the text up to the seventh bar that no backslash
+    -- escapes, and no further bar stands unescaped; the extension's keys are
+    -- the words before an unescaped '=' that follow a blank.
+    local message = format(record, true, 2, "", cfg)
+    assert.is_false(hasControl(message))
+    local bars, keys, i = 0, {}, 1
+    while i <= #message do
+      local c = message:sub(i, i)
+      if c == "\\" then
+        i = i + 1
+      elseif c == "|" then
+        bars = bars + 1
+      elseif c == "=" and bars == 7 then
+        keys[#keys + 1] = message:sub(1, i - 1):match(" ([%w_]+)$") or "?"
+      end
+      i = i + 1
+    end
+    assert.are.equal(7, bars)
+    assert.are.same({ "dvchost", "deviceExternalId", "dmac", "smac", "VarnokFrameType", "src",
+                      "dst", "in", "proto", "spt", "dpt", "cs2", "cs2Label", "cnt", "act", "cn3",
+                      "cn3Label", "cs5", "cs5Label", "cs1", "cs1Label", "cs6", "cs6Label" }, keys)
+
+    -- Native: fields are the blank-separated words; the key of each is what
+    -- stands before its first '='.
+    message = format(record, false, 0, "", cfg)
+    assert.is_false(hasControl(message))
+    keys = {}
+    for word in message:gmatch("%S+") do
+      keys[#keys + 1] = word:match("^([^=]*)=") or word
+    end
+    assert.are.same({ "REASON", "FWD", "HOSTID", "IN", "OUT", "MAC", "SRC", "DST", "LEN", "PROTO",
+                      "SPT", "DPT", "RES", "ACK", "PSH", "CNT", "act", "POS", "SPOS", "NOTE",
+                      "FLAGS" }, keys)
+  end)
+
+  it("cuts a message at its buffer on a character boundary", function()
+    -- The buffer ends at byte 65535; k ASCII bytes in front of the name move
+    -- that end over every byte of the name's multi-byte characters.
+    local cefHead = HEADER .. "4711|"
+    for _, case in ipairs {
+      { "\195\169", false }, { "\226\130\172", false }, { "\240\159\152\128", false },
+      { "\226\130\172", true } } do
+      local char, cef = case[1], case[2]
+      for k = 0, #char - 1 do
+        local cfg = config()
+        local name = string.rep("n", k) .. string.rep(char, math.ceil(70000 / #char))
+        local head
+        if cef then
+          cfg.payloadFilterMap[4711].name = name
+          head = cefHead
+        else
+          cfg.interfaceMap["0011223344550000"].name = name
+          head = "REASON=PKT:1042 HOSTID=7 act=Deny IN= OUT="
+        end
+        local record = cef and payload() or packet(ETHERNET, { flags = ETHERNET.flags + 1 })
+        local message = format(record, cef, 0, "", cfg)
+        local whole = head .. name
+        local cut = (65535 - #head - k) % #char
+        local label = #char .. "-byte character, " .. k .. " in front"
+        assert.are.equal(65535 - cut, #message, label)
+        assert.are.equal(whole:sub(1, #message), message, label)
+        assert.is_true(validUtf8(message), label)
+      end
+    end
   end)
 
   it("still makes the message without a configuration table", function()

@@ -1,0 +1,212 @@
+// The SSL key service under a long load: one thread feeds requests to the
+// driver stand-in, the configuration is reloaded all the while, and the
+// service is stopped in the middle of the traffic and made anew, several
+// times. Every request that a service took from the driver is answered
+// exactly once and rightly, or was still queued when that service stopped;
+// no handle or thread outlives the services.
+//
+// VEXIL_SOAK_REQUESTS sets the number of requests: `make soak` runs 100000,
+// the default is a short form for the sanitizer runs of `make check`.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ssl/SSLCertThread.h"
+#include "tests/ssl/SslTestSupport.h"
+
+namespace {
+
+using ssltest::Header;
+using ssltest::KeyMaterial;
+using ssltest::Response;
+using Clock = std::chrono::steady_clock;
+
+// Services made one after the other; all but the last are stopped while
+// requests are in flight.
+const int kServices = 5;
+// Requests submitted but not yet settled, at most.
+const u32 kWindow = 256;
+// Longest time without any request settling before the test gives up.
+const std::chrono::seconds kStallLimit(60);
+
+u32 RequestCount() {
+    const char* text = getenv("VEXIL_SOAK_REQUESTS");
+    const long count = text != nullptr ? strtol(text, nullptr, 10) : 0;
+    return count > 0 ? static_cast<u32>(count) : 3000;
+}
+
+size_t ThreadCount() {
+    size_t count = 0;
+    if (DIR* tasks = opendir("/proc/self/task")) {
+        while (const dirent* entry = readdir(tasks)) {
+            count += entry->d_name[0] != '.' ? 1 : 0;
+        }
+        closedir(tasks);
+    }
+    return count;
+}
+
+// Configuration 9 has the key, from its file or as a blob; 11 names a
+// credential that does not exist.
+wxString Configuration(bool blob) {
+    const KeyMaterial& keys = KeyMaterial::Get();
+    return wxString::Format(
+        "<SecurityConfiguration><SSLCredentials>"
+        "<SSLCredential id=\"1\" credentialType=\"PEM\" %s/>"
+        "</SSLCredentials><SSLHostConfigurations>"
+        "<SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
+        "<SSLHostConfiguration id=\"11\" sslCredentialId=\"3\"/>"
+        "</SSLHostConfigurations></SecurityConfiguration>",
+        blob ? wxString::Format("credential=\"%s\"", keys.Base64("key.pem"))
+             : wxString::Format("identifier=\"%s\"", keys.Path("key.pem")));
+}
+
+// Tag % 16 picks the kind: SSL 3.0 and TLS 1.2 decrypt; an unknown
+// credential (14) and a bad version (15) fail, with an error line each.
+bool Decrypts(u32 tag) {
+    return tag % 16 < 14;
+}
+
+void Submit(u32 tag) {
+    const KeyMaterial& keys = KeyMaterial::Get();
+    static const std::string cipher = keys.Cipher("key");
+    static const std::string tls = ssltest::Tls(cipher);
+    if (tag % 16 == 14) {
+        ssltest::Submit(Header(130, 11, 3, 1, tag), tls);
+    } else if (tag % 16 == 15) {
+        ssltest::Submit(Header(128, 9, 2, 0, tag), cipher);
+    } else if (tag % 2 == 0) {
+        ssltest::Submit(Header(128, 9, 3, 0, tag), cipher);
+    } else {
+        ssltest::Submit(Header(130, 9, 3, 3, tag), tls);
+    }
+}
+
+// Counts the requests that the service took from the driver.
+class CountingService : public VEXIL::CSSLCertThread {
+public:
+    using CSSLCertThread::CSSLCertThread;
+    ~CountingService() override { StopThread(nullptr); }
+
+    bool ProcessDriverData(norvi_handle_t handle, const VEXIL::SSLRequestHeader* header,
+                           const void* data, u32 dataLen) override {
+        ++m_Taken;
+        return CSSLCertThread::ProcessDriverData(handle, header, data, dataLen);
+    }
+
+    std::atomic<u64> m_Taken{0};
+};
+
+TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
+    ASSERT_EQ(0, ssltest::kLibraryChosen);
+    ASSERT_TRUE(KeyMaterial::Get().Ok());
+    SSL_CONTROL(norvi_test_reset)();
+    const size_t handlesBefore = SSL_CONTROL(norvi_test_open_handles)();
+    // A sanitizer starts a helper thread of its own when the first thread is
+    // made; one made and joined first keeps it out of the count.
+    std::thread([] {}).join();
+    const size_t threadsBefore = ThreadCount();
+    const u32 total = RequestCount();
+    NorvCore::CDom dom(":memory:");
+    dom.Set("norvp.vexil.SSL.ThreadsPerCpu", i64(4));
+    dom.Set("norvp.vexil.SSL.QueueSizeMax", i64(1000000));
+    ASSERT_TRUE(dom.SetConfigXml(Configuration(false)));
+
+    // settled: requests answered, or left queued by a stopped service.
+    std::atomic<u32> settled{0};
+    std::atomic<bool> submitting{true};
+    std::thread submitter([&] {
+        for (u32 tag = 0; tag < total && submitting; ++tag) {
+            while (tag - settled.load() >= kWindow && submitting) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            Submit(tag);
+        }
+    });
+
+    std::vector<u8> answers(total, 0);
+    u64 answered = 0, twice = 0, wrong = 0, taken = 0, left = 0, reloads = 0;
+    const auto collect = [&] {
+        for (const Response& response : ssltest::TakeResponses()) {
+            const u32 tag = response.Tag();
+            if (tag >= total) {
+                ++wrong;
+                continue;
+            }
+            if (answers[tag]++ != 0) {
+                ++twice;
+                continue;
+            }
+            ++answered;
+            const bool right = Decrypts(tag)
+                                   ? response.Secret() == KeyMaterial::Get().Secret()
+                                   : response.bytes.size() == 72 && response.DecryptedLen() == 0;
+            wrong += right ? 0 : 1;
+        }
+        settled = static_cast<u32>(answered + left);
+    };
+
+    const auto started = Clock::now();
+    for (int round = 0; round < kServices; ++round) {
+        CountingService service(dom);
+        service.start(50, true, 0);
+        std::atomic<bool> changing{true};
+        std::thread changer([&] {
+            for (bool blob = true; changing; blob = !blob) {
+                dom.SetConfigXml(Configuration(blob));
+                service.OnSecurityConfigurationChanged();
+                ++reloads;
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        });
+        // Each service but the last stops once its share has settled.
+        const u32 goal = round + 1 == kServices ? total : total / kServices * (round + 1);
+        u32 seen = settled;
+        auto progress = Clock::now();
+        while (settled < goal && Clock::now() - progress < kStallLimit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            collect();
+            if (settled != seen) {
+                seen = settled;
+                progress = Clock::now();
+            }
+        }
+        changing = false;
+        changer.join();
+        service.StopThread(L"soak");
+        EXPECT_FALSE(service.isRunning());
+        EXPECT_EQ(handlesBefore, SSL_CONTROL(norvi_test_open_handles)()) << "service " << round;
+        collect();
+        taken += service.m_Taken;
+        left += service.QueuedRequests();
+        collect();
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    submitting = false;
+    submitter.join();
+
+    EXPECT_EQ(0u, twice);
+    EXPECT_EQ(0u, wrong);
+    // Every request reached a service, and each one taken was answered or
+    // was still queued at a stop.
+    EXPECT_EQ(total, taken);
+    EXPECT_EQ(taken, answered + left);
+    EXPECT_EQ(threadsBefore, ThreadCount());
+    printf(
+        "soak: %u requests, %llu answered, %llu left queued at %d stops, %llu reloads, "
+        "%.1f s, %.0f answers/s\n",
+        total, static_cast<unsigned long long>(answered), static_cast<unsigned long long>(left),
+        kServices - 1, static_cast<unsigned long long>(reloads), seconds, answered / seconds);
+    SSL_CONTROL(norvi_test_reset)();
+    NorvCore::TakeOperatorLogLines();
+}
+
+}  // namespace
