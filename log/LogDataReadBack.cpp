@@ -14,6 +14,10 @@
 #include <cstring>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <wx/filename.h>
 #include <wx/log.h>
 
@@ -44,6 +48,8 @@ constexpr size_t kLineBufferSize = 9344;
 constexpr size_t kMaxPiece = kLineBufferSize - 1;
 // Characters of the date and time columns in front of what is delivered.
 constexpr size_t kDateTimeLength = 22;
+// The most room a sink is given ahead of a read-back.
+constexpr size_t kMaxReserve = 64 * 1024 * 1024;
 
 // Reads one file in pieces: each piece ends after a line feed, or holds
 // kMaxPiece bytes, or is the rest of the file. The pieces point into the
@@ -152,9 +158,11 @@ i64 ReadDecimal(const char* text, size_t from, size_t length) {
     u64 magnitude = 0;
     const u64 limit = negative ? u64(INT64_MAX) + 1 : u64(INT64_MAX);
     bool saturated = false;
+    // Below this no digit can carry the magnitude past the limit.
+    constexpr u64 kSafe = u64(INT64_MAX) / 10 - 1;
     for (; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
         const u64 digit = u64(text[i] - '0');
-        if (saturated || magnitude > (limit - digit) / 10) {
+        if (magnitude >= kSafe && (saturated || magnitude > (limit - digit) / 10)) {
             saturated = true;
             continue;
         }
@@ -164,6 +172,91 @@ i64 ReadDecimal(const char* text, size_t from, size_t length) {
         magnitude = limit;
     }
     return negative ? i64(0 - magnitude) : i64(magnitude);
+}
+
+// What the scan of one line found, up to the first byte outside 0x20 to
+// 0x7E (or the end of the line): that byte's position, the number of commas
+// before it up to three, and the positions of the third and of the last.
+struct LineScan {
+    size_t stop = 0;
+    size_t commas = 0;
+    size_t thirdComma = 0;
+    size_t lastComma = 0;
+};
+
+// Notes the commas of one block of up to 32 bytes that begins at offset;
+// bit i of mask is a comma at offset + i.
+inline void NoteCommas(u32 mask, size_t offset, LineScan& scan) {
+    if (mask == 0) {
+        return;
+    }
+    scan.lastComma = offset + 31 - size_t(__builtin_clz(mask));
+    for (u32 rest = mask; rest != 0 && scan.commas < 3; rest &= rest - 1) {
+        if (++scan.commas == 3) {
+            scan.thirdComma = offset + size_t(__builtin_ctz(rest));
+        }
+    }
+}
+
+// Scans a line for the first byte that is not printable and for its commas.
+// Where the processor has the vector instructions of x86-64, 32 bytes are
+// tested at a time, as two vectors of 16; the rest, or everything elsewhere,
+// one by one.
+LineScan ScanLine(const char* text, size_t length) {
+    LineScan scan;
+    size_t i = 0;
+#if defined(__SSE2__)
+    // As signed bytes the printable range is 0x1F < c < 0x7F, and every byte
+    // from 0x80 on is negative.
+    const __m128i belowPrintable = _mm_set1_epi8(0x1F);
+    const __m128i abovePrintable = _mm_set1_epi8(0x7F);
+    const __m128i comma = _mm_set1_epi8(',');
+    // Bit j of stops / commas: the byte at + j is not printable / a comma.
+    auto test = [&](size_t at, u32& stops, u32& commas) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + at));
+        const __m128i printable = _mm_and_si128(_mm_cmpgt_epi8(bytes, belowPrintable),
+                                                _mm_cmplt_epi8(bytes, abovePrintable));
+        stops = u32(_mm_movemask_epi8(printable)) ^ 0xFFFFu;
+        commas = u32(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, comma)));
+    };
+    // Notes a stretch of up to 32 bytes at offset; true when it holds a stop.
+    auto note = [&](u32 stops, u32 commas, size_t at) {
+        if (stops == 0) {
+            NoteCommas(commas, at, scan);
+            return false;
+        }
+        const u32 stop = u32(__builtin_ctz(stops));
+        NoteCommas(commas & ((1u << stop) - 1), at, scan);
+        scan.stop = at + stop;
+        return true;
+    };
+    u32 stopsLow, commasLow, stopsHigh, commasHigh;
+    for (; i + 32 <= length; i += 32) {
+        test(i, stopsLow, commasLow);
+        test(i + 16, stopsHigh, commasHigh);
+        if (note(stopsLow | (stopsHigh << 16), commasLow | (commasHigh << 16), i)) {
+            return scan;
+        }
+    }
+    if (i + 16 <= length) {
+        test(i, stopsLow, commasLow);
+        if (note(stopsLow, commasLow, i)) {
+            return scan;
+        }
+        i += 16;
+    }
+#endif
+    for (; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c > 0x7E) {
+            break;
+        }
+        if (c == ',') {
+            NoteCommas(1, i, scan);
+        }
+    }
+    scan.stop = i;
+    return scan;
 }
 
 // a + b, held at the limits of i64.
@@ -235,6 +328,17 @@ bool LogData::GetLogData(int role, i64 startTime, i64 endTime, const wxString& u
         m_Dom->DoAgentEventWrite(3300, L"%.128s", Utf8(NorvCore::ErrnoToString(error), text));
         return false;
     }
+    if (sink != nullptr) {
+        // The family's size bounds what the read-back can deliver.
+        size_t bytes = 0;
+        for (size_t i = 0; i < files.GetCount(); ++i) {
+            struct stat status;
+            if (::stat(files[i].fn_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+                bytes += size_t(status.st_size);
+            }
+        }
+        sink->Reserve(bytes < kMaxReserve ? bytes : kMaxReserve);
+    }
     // Oldest copy first, the live file last.
     for (size_t i = files.GetCount(); i-- > 0;) {
         const wxString& path = files[i];
@@ -301,21 +405,10 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
     for (u64 lineNumber = 0; reader.Next(piece, length); ++lineNumber, firstLine = false) {
         // Note the third and the last comma up to the first byte that is
         // not printable.
-        size_t thirdComma = 0, lastComma = 0, commas = 0;
-        size_t scanned = 0;
-        for (; scanned < length; ++scanned) {
-            const unsigned char c = static_cast<unsigned char>(piece[scanned]);
-            if (c < 0x20 || c > 0x7E) {
-                break;
-            }
-            if (c == ',') {
-                if (++commas == 3) {
-                    thirdComma = scanned;
-                }
-                lastComma = scanned;
-            }
-        }
+        const LineScan scan = ScanLine(piece, length);
+        const size_t scanned = scan.stop;
         size_t lineLength = length;
+        bool printable = true;
         if (scanned < length) {
             const char stop = piece[scanned];
             if (stop == '\r' || stop == '\n') {
@@ -333,6 +426,7 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
                 }
                 // The rest of the line is skipped; when the file ends first,
                 // what was read is examined all the same.
+                printable = false;
                 std::memcpy(saved, piece, length);
                 piece = saved;
                 if (reader.SkipPastLineFeed()) {
@@ -340,14 +434,14 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
                 }
             }
         }
-        if (lineLength == 0 || commas < 3 || thirdComma == 0 ||
-            piece[thirdComma - 1] != span.roleCharacter) {
+        if (lineLength == 0 || scan.commas < 3 || scan.thirdComma == 0 ||
+            piece[scan.thirdComma - 1] != span.roleCharacter) {
             continue;
         }
 
         // Column 31, the first time in microseconds, is the line's only
         // time; a line without it is left out.
-        const i64 firstTimeUsec = ReadDecimal(piece, lastComma + 2, lineLength);
+        const i64 firstTimeUsec = ReadDecimal(piece, scan.lastComma + 2, lineLength);
         if (firstTimeUsec == 0) {
             continue;
         }
@@ -388,9 +482,9 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
             return false;
         }
         if (lineLength > kDateTimeLength) {
-            sink->AddLine(time, piece + kDateTimeLength, lineLength - kDateTimeLength);
+            sink->AddLine(time, piece + kDateTimeLength, lineLength - kDateTimeLength, printable);
         } else {
-            sink->AddLine(time, piece, 0);
+            sink->AddLine(time, piece, 0, true);
         }
     }
     storePosition();
