@@ -34,6 +34,7 @@
 #include "host/Ticks.h"
 #include "host/Types.h"
 #include "host/norvi.h"
+#include "log/CacheAgeIndex.h"
 #include "log/DriverLogEntry.h"
 
 namespace VEXIL {
@@ -188,6 +189,13 @@ private:
     // One file of a read-back; false when the read-back ends with it.
     bool ReadBackFile(const wxString& path, bool primary, const ReadBackSpan& span,
                       LogLineSink* sink);
+    typedef std::map<std::string, LogRecordValue> RecordMap;
+    // The walk of a flush over the whole cache, under m_CacheLock: writes
+    // what is due (everything when force is set) and evicts the oldest
+    // record if the cache is still too big. False when a write failed.
+    bool FlushWalk(bool force, u32 now);
+    // Removes a record from the cache and its index; the next record.
+    RecordMap::iterator EraseRecord(RecordMap::iterator record);
     // Appends " HOSTID=<id>" with the configuration's host id.
     void AppendHostIdentity(char* buffer, size_t size);
 
@@ -208,7 +216,8 @@ private:
         "norvp.vexil.lastline.packet", "norvp.vexil.lastline.payload", "norvp.vexil.lastline.pcap"};
     std::deque<std::string> m_FormatQueue;  // m_QueueLock
     u64 m_LastConfigUpdate = ~u64(0);
-    std::map<std::string, LogRecordValue> m_LogRecordMap;  // m_CacheLock
+    RecordMap m_LogRecordMap;     // m_CacheLock
+    CCacheAgeIndex m_CacheIndex;  // m_CacheLock; the records of m_LogRecordMap by ticks
     wxCriticalSection m_CacheLock;
     u32 m_CacheStaleMsec = 900000;      // m_CacheLock
     wxCriticalSection m_FileLock;       // held while a line is written
