@@ -11,6 +11,7 @@
 // conditions and the exit flag by m_ConditionLock with m_ConditionChanged.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -55,6 +56,11 @@ public:
     bool Set(const std::string& key, bool value);
     bool Set(const std::string& key, const std::string& value);
     wxString GetWxString(const wxString& key) const;
+    // A stamp that changes with every Set: drawn from one count for the
+    // whole process at construction and after each write, so that no two
+    // stores and no two states of one store share it. Reading it is cheap,
+    // so that a reader of settings can keep what it read until it changes.
+    u64 SettingsStamp() const { return m_SettingsStamp.load(std::memory_order_acquire); }
 
     // The base folder that stands where the agent keeps its data (log files
     // below it): the setting "norv.baseFolder", "/var/lib/norv" when absent.
@@ -107,7 +113,8 @@ private:
     bool Exec(const char* sql) const;
     void StoreEvent(int number, const wxString& detail);
 
-    mutable std::mutex m_StoreLock;  // guards m_Db, m_GetStatement and m_ConfigXml
+    std::atomic<u64> m_SettingsStamp;  // moved after each write under m_StoreLock
+    mutable std::mutex m_StoreLock;    // guards m_Db, m_GetStatement and m_ConfigXml
     sqlite3* m_Db = nullptr;
     mutable sqlite3_stmt* m_GetStatement = nullptr;  // prepared once by Get
     wxString m_ConfigXml;

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
@@ -29,7 +30,9 @@ public:
     // name: the message source, for trace lines.
     explicit CSyslogger(const char* name);
 
-    // Reads the settings again; a change acts from the next message on.
+    // Reads the settings again if the store changed since the last read
+    // (by its settings stamp), so that a change acts from the next message
+    // on at the cost of one comparison for the messages between changes.
     void UpdateConfig();
 
     bool GetSyslogFormatCEF() const;
@@ -51,12 +54,16 @@ private:
     const std::string m_Name;
 
     mutable std::mutex m_Lock;  // guards the values below
+    // Settings stamp of the store the values were read from; 0 for the
+    // defaults of no store, kNeverRead before the first read.
+    static constexpr uint64_t kNeverRead = ~uint64_t(0);
+    uint64_t m_ConfigStamp = kNeverRead;
     bool m_Cef = false;
     int m_Format = 0;
-    wxString m_Vendor;
-    wxString m_Product;
-    wxString m_Version;
-    wxString m_HostName;
+    // The CEF header and the host name, escaped and in UTF-8 as they are
+    // appended, made once per read of the settings.
+    std::string m_HeaderCEF;
+    std::string m_HostNameCEF;
 };
 
 }  // namespace NorvCore
