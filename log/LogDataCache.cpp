@@ -1,6 +1,8 @@
 // LogData: the coalescing cache. A rendered line waits in m_LogRecordMap,
 // where repeats only raise its count and widen its time span, until it has
 // grown old, gone quiet, or must make room; then it becomes one file line.
+// m_CacheIndex orders the same records by their ticks, so that the flush
+// after each event walks the map only when something is due.
 #include <cinttypes>
 #include <ctime>
 
