@@ -199,7 +199,7 @@ void BM_ReadBackScanVsGrep(benchmark::State& state) {
     AgainstGrep(state, family, [&] {
         VEXIL::LogLineSink sink(VEXIL::LogLineSink::kMaxLines);
         log.GetLogData(VEXIL::kRolePacket, 0, 0, "bench", &sink);
-        lines = sink.Records().size();
+        lines = sink.LineCount();
     });
     state.counters["lines"] = double(lines);
 }

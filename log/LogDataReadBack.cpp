@@ -512,9 +512,9 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
             return false;
         }
         if (lineLength > kDateTimeLength) {
-            sink->AddLine(time, piece + kDateTimeLength, lineLength - kDateTimeLength, printable);
+            sink->AddLine(piece + kDateTimeLength, lineLength - kDateTimeLength, printable);
         } else {
-            sink->AddLine(time, piece, 0, true);
+            sink->AddLine(piece, 0, true);
         }
     }
     storePosition();

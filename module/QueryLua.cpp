@@ -19,7 +19,6 @@ using VEXIL::DriverLogEntry;
 using VEXIL::LogData;
 using VEXIL::LogDataArgument;
 using VEXIL::LogLineSink;
-using VEXIL::LogRecordEntry;
 using VEXIL::RecordCopy;
 using VEXIL::WithConfig;
 
@@ -72,14 +71,16 @@ int GetLogDataLua(lua_State* L) {
             // Each line is decoded on its own: one whose bytes are no UTF-8
             // (the unterminated tail of a damaged file) is taken byte for
             // byte as Latin-1, so that it cannot swallow the lines behind it.
-            for (const LogRecordEntry& entry : sink.Records()) {
-                const char* start = bytes + entry.offset;
-                wxString line = wxString::FromUTF8(start, entry.length);
-                if (line.empty() && entry.length != 0) {
-                    line = wxString(start, wxConvISO8859_1, entry.length);
+            for (size_t start = 0; start < length;) {
+                const size_t end = joined.find('\n', start);
+                const size_t lineLength = end - start;
+                wxString line = wxString::FromUTF8(bytes + start, lineLength);
+                if (line.empty() && lineLength != 0) {
+                    line = wxString(bytes + start, wxConvISO8859_1, lineLength);
                 }
                 text += line;
                 text += '\n';
+                start = end + 1;
             }
             utf8 = text.utf8_str();
             bytes = utf8.data();

@@ -53,7 +53,7 @@ TEST(ReadBackScan, ABadByteAnywhereDropsOnlyItsLine) {
     ASSERT_TRUE(log.GetLogData(VEXIL::kRolePacket, 0, 0, "test", &sink));
 
     EXPECT_EQ(expected, sink.JoinedText());
-    EXPECT_EQ(71u, sink.Records().size());
+    EXPECT_EQ(71u, sink.LineCount());
 }
 
 }  // namespace
