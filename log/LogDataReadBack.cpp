@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 #if defined(__x86_64__) && defined(__GNUC__)
 #include <immintrin.h>
@@ -166,7 +166,7 @@ LineScan ScanLine(const char* text, size_t length) {
 // read-back that made it.
 class CLinePieceReader {
 public:
-    explicit CLinePieceReader(int fd) : m_Fd(fd), m_Buffer(kReadSize) {}
+    explicit CLinePieceReader(int fd) : m_Fd(fd), m_Buffer(new char[kReadSize]) {}
 
     // The scan of the piece comes along: the line feed that ends a piece is
     // sought from the first byte that is not printable on, and the piece
@@ -175,7 +175,7 @@ public:
         for (;;) {
             const size_t available = m_End - m_Start;
             const size_t window = available < kMaxPiece ? available : kMaxPiece;
-            const char* start = m_Buffer.data() + m_Start;
+            const char* start = m_Buffer.get() + m_Start;
             scan = ScanLine(start, window);
             const void* lineFeed = scan.stop < window
                                        ? std::memchr(start + scan.stop, '\n', window - scan.stop)
@@ -200,7 +200,7 @@ public:
     // end of the file comes first.
     bool SkipPastLineFeed() {
         for (;;) {
-            const char* start = m_Buffer.data() + m_Start;
+            const char* start = m_Buffer.get() + m_Start;
             const void* lineFeed = std::memchr(start, '\n', m_End - m_Start);
             if (lineFeed != nullptr) {
                 m_Start += static_cast<const char*>(lineFeed) - start + 1;
@@ -221,12 +221,12 @@ private:
     // counts as the end of the file.
     void Fill() {
         if (m_Start > 0) {
-            std::memmove(m_Buffer.data(), m_Buffer.data() + m_Start, m_End - m_Start);
+            std::memmove(m_Buffer.get(), m_Buffer.get() + m_Start, m_End - m_Start);
             m_End -= m_Start;
             m_Start = 0;
         }
         for (;;) {
-            const ssize_t count = ::read(m_Fd, m_Buffer.data() + m_End, m_Buffer.size() - m_End);
+            const ssize_t count = ::read(m_Fd, m_Buffer.get() + m_End, kReadSize - m_End);
             if (count < 0 && errno == EINTR) {
                 continue;
             }
@@ -240,7 +240,8 @@ private:
     }
 
     const int m_Fd;
-    std::vector<char> m_Buffer;
+    // Not cleared: only the bytes that read() filled are ever looked at.
+    const std::unique_ptr<char[]> m_Buffer;
     size_t m_Start = 0;
     size_t m_End = 0;
     bool m_EndOfFile = false;
