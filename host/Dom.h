@@ -60,6 +60,8 @@ public:
     // whole process at construction and after each write, so that no two
     // stores and no two states of one store share it. Reading it is cheap,
     // so that a reader of settings can keep what it read until it changes.
+    // Only writes through this object move it, not those of another process
+    // that opened the same file.
     u64 SettingsStamp() const { return m_SettingsStamp.load(std::memory_order_acquire); }
 
     // The base folder that stands where the agent keeps its data (log files
