@@ -1,10 +1,10 @@
 // Value types of the traffic analysis state that LogData keeps.
 #pragma once
 
-#include <set>
 #include <tuple>
 #include <utility>
 
+#include "analysis/SmallSortedSet.h"
 #include "host/Types.h"
 
 namespace VEXIL {
@@ -66,10 +66,13 @@ struct ProbingHostKey {
     }
 };
 
-// The distinct destination addresses and ports one source touched in a time bin.
+// The distinct destination addresses and ports one source touched in a time
+// bin. A bin's source mostly touches a few of each, which stay inside the
+// object: with its key in the map of tracked sources it takes one small heap
+// block.
 struct FlowStats {
-    std::set<u32> addresses;
-    std::set<u16> ports;
+    CSmallSortedSet<u32, 4> addresses;
+    CSmallSortedSet<u16, 8> ports;
 };
 
 // A source under suspicion: its figures accumulated over all bins since it

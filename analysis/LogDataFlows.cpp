@@ -22,14 +22,14 @@ namespace VEXIL {
 void LogData::HandleTerminatedFlow(const TerminatedFlow& flow, u8 protocol) {
     NorvCore::CCriticalSectionLocker lock(m_TerminatedFlowsLock);
     FlowStats& stats = m_TerminatedFlows[IpProtocolKey{flow.sourceAddress, protocol}];
-    stats.addresses.insert(flow.destAddress);
-    stats.ports.insert(flow.destPort);
+    stats.addresses.Insert(flow.destAddress);
+    stats.ports.Insert(flow.destPort);
     if (m_ScanTraceEnabled) {
         const AddressBytes source(flow.sourceAddress);
         SCAN_TRACE(wxString::Format(
             "Source IP %d.%d.%d.%d protocol %d has visited %u unique IPs and %u unique ports.",
             source.b[0], source.b[1], source.b[2], source.b[3], int(protocol),
-            unsigned(stats.addresses.size()), unsigned(stats.ports.size())));
+            unsigned(stats.addresses.Size()), unsigned(stats.ports.Size())));
     }
 }
 

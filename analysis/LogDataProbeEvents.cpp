@@ -50,8 +50,8 @@ bool LogData::RecordProbe(int type, u32 address, u8 protocol, const FlowStats* s
     report.protocol = protocol;
     if (scanStats != nullptr) {
         report.hasCounts = true;
-        report.addressCount = scanStats->addresses.size();
-        report.portCount = scanStats->ports.size();
+        report.addressCount = scanStats->addresses.Size();
+        report.portCount = scanStats->ports.Size();
     }
     // Blocking types keep their attacker as long as the block lasts.
     const u32 retentionMsec =

@@ -17,8 +17,8 @@ namespace VEXIL {
 
 void LogData::AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
                                     std::vector<ProbeReport>& reports) {
-    const double numIps = double(u64(stats.addresses.size()));
-    const double numPorts = double(u64(stats.ports.size()));
+    const double numIps = double(u64(stats.addresses.Size()));
+    const double numPorts = double(u64(stats.ports.Size()));
 
     bool scoringEnabled;
     {
@@ -71,8 +71,8 @@ void LogData::AnalyzeTerminatedFlow(u32 address, u8 protocol, FlowStats&& stats,
         return;
     }
     FlowStats& accumulated = candidate->second.stats;
-    accumulated.addresses.insert(stats.addresses.begin(), stats.addresses.end());
-    accumulated.ports.insert(stats.ports.begin(), stats.ports.end());
+    accumulated.addresses.InsertAll(stats.addresses);
+    accumulated.ports.InsertAll(stats.ports);
     UpdateLikelihoodRatio(candidate, suspect, reports);
 }
 

@@ -37,6 +37,12 @@ DomList& Doms() {
 
 const char* const kDefaultBaseFolder = "/var/lib/norv";
 
+// The source of every store's settings stamp.
+u64 NextSettingsStamp() {
+    static std::atomic<u64> count{0};
+    return count.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
 // A ShouldExit on a CRunnable thread looks at that thread's own exit request
 // at least this often while it waits for the agent's.
 constexpr std::chrono::milliseconds kThreadExitSlice(50);
@@ -92,7 +98,7 @@ std::string ToUtf8(const wxString& text) {
 
 }  // namespace
 
-CDom::CDom(const std::string& path) {
+CDom::CDom(const std::string& path) : m_SettingsStamp(NextSettingsStamp()) {
     sqlite3* db = nullptr;
     const int rc =
         sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
@@ -226,8 +232,10 @@ bool CDom::Set(const std::string& key, const std::string& value) {
     CStatement statement(m_Db,
                          "INSERT INTO settings(key, value) VALUES(?1, ?2) "
                          "ON CONFLICT(key) DO UPDATE SET value = excluded.value");
-    return statement.Ok() && statement.Bind(1, key) && statement.Bind(2, value) &&
-           statement.Step() == SQLITE_DONE;
+    const bool written = statement.Ok() && statement.Bind(1, key) && statement.Bind(2, value) &&
+                         statement.Step() == SQLITE_DONE;
+    m_SettingsStamp.store(NextSettingsStamp(), std::memory_order_release);
+    return written;
 }
 
 wxString CDom::GetWxString(const wxString& key) const {

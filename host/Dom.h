@@ -11,6 +11,7 @@
 // conditions and the exit flag by m_ConditionLock with m_ConditionChanged.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <string>
@@ -55,6 +56,13 @@ public:
     bool Set(const std::string& key, bool value);
     bool Set(const std::string& key, const std::string& value);
     wxString GetWxString(const wxString& key) const;
+    // A stamp that changes with every Set: drawn from one count for the
+    // whole process at construction and after each write, so that no two
+    // stores and no two states of one store share it. Reading it is cheap,
+    // so that a reader of settings can keep what it read until it changes.
+    // Only writes through this object move it, not those of another process
+    // that opened the same file.
+    u64 SettingsStamp() const { return m_SettingsStamp.load(std::memory_order_acquire); }
 
     // The base folder that stands where the agent keeps its data (log files
     // below it): the setting "norv.baseFolder", "/var/lib/norv" when absent.
@@ -107,6 +115,7 @@ private:
     bool Exec(const char* sql) const REQUIRES(m_StoreLock);
     void StoreEvent(int number, const wxString& detail);
 
+    std::atomic<u64> m_SettingsStamp;  // moved after each write under m_StoreLock
     mutable CMutex m_StoreLock;
     sqlite3* m_Db GUARDED_BY(m_StoreLock) = nullptr;
     mutable sqlite3_stmt* m_GetStatement GUARDED_BY(m_StoreLock) = nullptr;  // prepared once by Get

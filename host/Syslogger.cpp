@@ -20,24 +20,35 @@ const char* const kDefaultVendor = "Norv";
 const char* const kDefaultProduct = "Agent";
 const char* const kDefaultVersion = "1.0";
 
-// Appends text in UTF-8 to the terminated text in buffer. What does not fit
-// is cut at a character boundary, so the buffer never ends in half a
-// character.
-void AppendUtf8(char* buffer, size_t size, const wxString& text) {
+// Appends UTF-8 text to the terminated text in buffer. What does not fit is
+// cut at a character boundary, so the buffer never ends in half a character.
+void AppendUtf8(char* buffer, size_t size, const char* text, size_t length) {
     if (buffer == nullptr || size == 0 || strnlen(buffer, size) >= size - 1) {
         return;  // no room, or not a terminated text
     }
-    const wxScopedCharBuffer utf8 = text.utf8_str();
-    const size_t room = size - 1 - strlen(buffer);
-    size_t length = utf8.length();
+    const size_t used = strlen(buffer);
+    const size_t room = size - 1 - used;
     if (length > room) {
         length = room;
-        while (length > 0 && (static_cast<unsigned char>(utf8.data()[length]) & 0xC0) == 0x80) {
+        while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80) {
             --length;
         }
     }
-    const std::string piece(utf8.data(), length);
-    strcat_safe(buffer, size, piece.c_str());
+    std::memcpy(buffer + used, text, length);
+    buffer[used + length] = '\0';
+}
+
+std::string Utf8(const wxString& text) {
+    const wxScopedCharBuffer utf8 = text.utf8_str();
+    return std::string(utf8.data(), utf8.length());
+}
+
+std::string HeaderCEF(const wxString& vendor, const wxString& product, const wxString& version) {
+    wxString header = wxS("CEF:0|");
+    header << CSyslogger::EscapeCEFPrefix(vendor) << wxS('|')
+           << CSyslogger::EscapeCEFPrefix(product) << wxS('|')
+           << CSyslogger::EscapeCEFPrefix(version) << wxS('|');
+    return Utf8(header);
 }
 
 // The text setting key, or fallback when it is absent or empty.
@@ -50,19 +61,25 @@ wxString TextSetting(const CDom& dom, const char* key, const wxString& fallback)
 
 CSyslogger::CSyslogger(const char* name)
     : m_Name(name != nullptr ? name : ""),
-      m_Vendor(kDefaultVendor),
-      m_Product(kDefaultProduct),
-      m_Version(kDefaultVersion),
-      m_HostName(wxGetHostName()) {}
+      m_HeaderCEF(HeaderCEF(kDefaultVendor, kDefaultProduct, kDefaultVersion)),
+      m_HostNameCEF(Utf8(EscapeCEFExtension(wxGetHostName()))) {}
 
 void CSyslogger::UpdateConfig() {
+    const CDom* const dom = CDom::Current();
+    const uint64_t stamp = dom != nullptr ? dom->SettingsStamp() : 0;
+    {
+        CMutexLocker guard(m_Lock);
+        if (stamp == m_ConfigStamp) {
+            return;
+        }
+    }
     bool cef = false;
     int format = 0;
     wxString vendor = kDefaultVendor;
     wxString product = kDefaultProduct;
     wxString version = kDefaultVersion;
     wxString hostName;
-    if (const CDom* dom = CDom::Current()) {
+    if (dom != nullptr) {
         if (!dom->Get("norv.syslog.cef", cef)) {
             cef = false;
         }
@@ -85,13 +102,15 @@ void CSyslogger::UpdateConfig() {
         hostName = wxGetHostName();
     }
 
+    std::string header = HeaderCEF(vendor, product, version);
+    std::string escapedHostName = Utf8(EscapeCEFExtension(hostName));
+
     CMutexLocker guard(m_Lock);
     m_Cef = cef;
     m_Format = format;
-    m_Vendor = vendor;
-    m_Product = product;
-    m_Version = version;
-    m_HostName = hostName;
+    m_HeaderCEF.swap(header);
+    m_HostNameCEF.swap(escapedHostName);
+    m_ConfigStamp = stamp;
 }
 
 bool CSyslogger::GetSyslogFormatCEF() const {
@@ -105,24 +124,19 @@ int CSyslogger::GetSyslogFormat() const {
 }
 
 void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
-    wxString header = wxS("CEF:0|");
-    {
-        CMutexLocker guard(m_Lock);
-        header << EscapeCEFPrefix(m_Vendor) << wxS('|') << EscapeCEFPrefix(m_Product) << wxS('|')
-               << EscapeCEFPrefix(m_Version) << wxS('|');
-    }
-    AppendUtf8(buffer, size, header);
+    CMutexLocker guard(m_Lock);
+    AppendUtf8(buffer, size, m_HeaderCEF.data(), m_HeaderCEF.size());
 }
 
 void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
-    wxString hostName;
+    std::string text = " dvchost=";
     {
         CMutexLocker guard(m_Lock);
-        hostName = m_HostName;
+        text += m_HostNameCEF;
     }
-    AppendUtf8(
-        buffer, size,
-        wxString::Format(" dvchost=%s deviceExternalId=%d", EscapeCEFExtension(hostName), hostId));
+    text += " deviceExternalId=";
+    text += std::to_string(hostId);
+    AppendUtf8(buffer, size, text.data(), text.size());
 }
 
 bool CSyslogger::IsControlCharacter(wxUniChar c) {

@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include <wx/string.h>
@@ -30,7 +31,9 @@ public:
     // name: the message source, for trace lines.
     explicit CSyslogger(const char* name);
 
-    // Reads the settings again; a change acts from the next message on.
+    // Reads the settings again if the store changed since the last read
+    // (by its settings stamp), so that a change acts from the next message
+    // on at the cost of one comparison for the messages between changes.
     void UpdateConfig();
 
     bool GetSyslogFormatCEF() const;
@@ -58,12 +61,16 @@ private:
     const std::string m_Name;
 
     mutable CMutex m_Lock;
+    // Settings stamp of the store the values were read from; 0 for the
+    // defaults of no store, kNeverRead before the first read.
+    static constexpr uint64_t kNeverRead = ~uint64_t(0);
+    uint64_t m_ConfigStamp GUARDED_BY(m_Lock) = kNeverRead;
     bool m_Cef GUARDED_BY(m_Lock) = false;
     int m_Format GUARDED_BY(m_Lock) = 0;
-    wxString m_Vendor GUARDED_BY(m_Lock);
-    wxString m_Product GUARDED_BY(m_Lock);
-    wxString m_Version GUARDED_BY(m_Lock);
-    wxString m_HostName GUARDED_BY(m_Lock);
+    // The CEF header and the host name, escaped and in UTF-8 as they are
+    // appended, made once per read of the settings.
+    std::string m_HeaderCEF GUARDED_BY(m_Lock);
+    std::string m_HostNameCEF GUARDED_BY(m_Lock);
 };
 
 }  // namespace NorvCore

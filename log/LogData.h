@@ -35,6 +35,7 @@
 #include "host/Ticks.h"
 #include "host/Types.h"
 #include "host/norvi.h"
+#include "log/CacheAgeIndex.h"
 #include "log/DriverLogEntry.h"
 
 namespace VEXIL {
@@ -193,6 +194,13 @@ private:
     // One file of a read-back; false when the read-back ends with it.
     bool ReadBackFile(const wxString& path, bool primary, const ReadBackSpan& span,
                       LogLineSink* sink) REQUIRES(m_ReadLock);
+    typedef std::map<std::string, LogRecordValue> RecordMap;
+    // The walk of a flush over the whole cache: writes what is due
+    // (everything when force is set) and evicts the oldest record if the
+    // cache is still too big. False when a write failed.
+    bool FlushWalk(bool force, u32 now) REQUIRES(m_CacheLock);
+    // Removes a record from the cache and its index; the next record.
+    RecordMap::iterator EraseRecord(RecordMap::iterator record) REQUIRES(m_CacheLock);
     // Appends " HOSTID=<id>" with the configuration's host id.
     void AppendHostIdentity(char* buffer, size_t size);
 
@@ -213,7 +221,9 @@ private:
         "norvp.vexil.lastline.packet", "norvp.vexil.lastline.payload", "norvp.vexil.lastline.pcap"};
     std::deque<std::string> m_FormatQueue GUARDED_BY(m_QueueLock);
     u64 m_LastConfigUpdate = ~u64(0);
-    std::map<std::string, LogRecordValue> m_LogRecordMap GUARDED_BY(m_CacheLock);
+    RecordMap m_LogRecordMap GUARDED_BY(m_CacheLock);
+    // The records of m_LogRecordMap ordered by their ticks.
+    CCacheAgeIndex m_CacheIndex GUARDED_BY(m_CacheLock);
     NorvCore::CCriticalSection m_CacheLock ACQUIRED_BEFORE(m_FileLock);
     u32 m_CacheStaleMsec GUARDED_BY(m_CacheLock) = 900000;
     NorvCore::CCriticalSection m_FileLock;  // held while a line is written

@@ -1,6 +1,8 @@
 // LogData: the coalescing cache. A rendered line waits in m_LogRecordMap,
 // where repeats only raise its count and widen its time span, until it has
 // grown old, gone quiet, or must make room; then it becomes one file line.
+// m_CacheIndex orders the same records by their ticks, so that the flush
+// after each event walks the map only when something is due.
 #include <cinttypes>
 #include <ctime>
 
@@ -20,6 +22,7 @@ bool LogData::CacheRecord(const std::string& line, u64 firstTimeUsec, u64 lastTi
         auto found = m_LogRecordMap.find(line);
         if (found != m_LogRecordMap.end()) {
             LogRecordValue& value = found->second;
+            m_CacheIndex.Touch(&found->first, value.firstTick, value.lastTick, now);
             value.count += count;
             value.lastTick = now;
             // Merging never makes a record younger: firstTick stays.
@@ -33,8 +36,9 @@ bool LogData::CacheRecord(const std::string& line, u64 firstTimeUsec, u64 lastTi
                                             (unsigned long)(now - value.firstTick)));
             }
         } else {
-            m_LogRecordMap.emplace(
+            const auto added = m_LogRecordMap.emplace(
                 line, LogRecordValue{now, i64(firstTimeUsec), now, i64(lastTimeUsec), count});
+            m_CacheIndex.Add(&added.first->first, now, now);
             if (m_TraceEnabled) {
                 NORV_TRACE(L"vexil", wxString::Format("CacheRecord() - added %.32s record to "
                                                       "cache. Size of cache is now %u records",
@@ -48,6 +52,29 @@ bool LogData::CacheRecord(const std::string& line, u64 firstTimeUsec, u64 lastTi
 bool LogData::FlushBufferedData(bool force) {
     NorvCore::CCriticalSectionLocker lock(m_CacheLock);
     const u32 now = NorvCore::SystemTickCount();
+    bool result = true;
+    if (!force && m_CacheIndex.LargestAge(now) < m_CacheLifetimeMsec &&
+        m_CacheIndex.LargestIdle(now) < m_CacheStaleMsec) {
+        // Nothing is due: the walk would only name the oldest record, and
+        // the index names the same one.
+        if (m_LogRecordMap.size() > m_CacheMaxRecords) {
+            const auto oldest = m_LogRecordMap.find(*m_CacheIndex.Oldest(now));
+            if (!WriteRecord(oldest->first, oldest->second)) {
+                result = false;
+            }
+            EraseRecord(oldest);
+        }
+    } else if (!FlushWalk(force, now)) {
+        result = false;
+    }
+    NorvCore::CCriticalSectionLocker fileLock(m_FileLock);
+    if (!CloseLogFile()) {
+        result = false;
+    }
+    return result;
+}
+
+bool LogData::FlushWalk(bool force, u32 now) {
     auto oldest = m_LogRecordMap.end();
     u32 largestAge = 0;
     u32 largestIdle = 0;
@@ -77,7 +104,7 @@ bool LogData::FlushBufferedData(bool force) {
             largestAge = 0;
             largestIdle = 0;
         }
-        it = m_LogRecordMap.erase(it);
+        it = EraseRecord(it);
     }
 
     if (m_LogRecordMap.size() > m_CacheMaxRecords) {
@@ -85,7 +112,7 @@ bool LogData::FlushBufferedData(bool force) {
             if (!WriteRecord(oldest->first, oldest->second)) {
                 result = false;
             }
-            m_LogRecordMap.erase(oldest);
+            EraseRecord(oldest);
         } else {
             wxLogWarning(
                 "FlushBufferedData() - %.32s cache is too big, but we didn't locate the "
@@ -95,12 +122,12 @@ bool LogData::FlushBufferedData(bool force) {
                          "oldestRecord != this->m_LogRecordMap.end()");
         }
     }
-
-    NorvCore::CCriticalSectionLocker fileLock(m_FileLock);
-    if (!CloseLogFile()) {
-        result = false;
-    }
     return result;
+}
+
+LogData::RecordMap::iterator LogData::EraseRecord(RecordMap::iterator record) {
+    m_CacheIndex.Remove(&record->first, record->second.firstTick, record->second.lastTick);
+    return m_LogRecordMap.erase(record);
 }
 
 bool LogData::WriteRecord(const std::string& line, const LogRecordValue& value) {

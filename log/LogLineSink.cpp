@@ -7,8 +7,11 @@ u32 LogLineSink::CapLineCount(i64 requested) {
     return count > kMaxLines ? kMaxLines : u32(count);
 }
 
-void LogLineSink::AddLine(i64 time, const char* text, size_t length) {
-    m_Records.push_back(LogRecordEntry{time, std::string(text, length)});
+void LogLineSink::AddLine(const char* text, size_t length, bool printable) {
+    ++m_LineCount;
+    m_Text.append(text, length);
+    m_Text.push_back('\n');
+    m_AllPrintable = m_AllPrintable && printable;
 }
 
 }  // namespace VEXIL

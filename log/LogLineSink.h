@@ -1,27 +1,19 @@
 // LogLineSink: where a read-back delivers its lines.
 //
-// It collects each qualifying line with its time, in the order of delivery,
-// for the script entry to join into one text. The line cap that the script
-// asks for is kept with it, but deliberately applied by nobody: every
-// qualifying line is delivered. A sink belongs to the one call that made it
-// and is used on that call's thread only, so it has no lock.
+// It collects each qualifying line, in the order of delivery, joined in one
+// text with a line feed after each: the form the script entry hands over. A
+// delivered line holds no line feed, so the text splits back into its lines.
+// The line cap that the script asks for is kept with it, but deliberately
+// applied by nobody: every qualifying line is delivered. A sink belongs to
+// the one call that made it and is used on that call's thread only, so it
+// has no lock.
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "host/Types.h"
 
 namespace VEXIL {
-
-// One delivered line: the time of its first event in seconds since 1970 and
-// columns 3 to 31 of the log line, without the line end.
-struct LogRecordEntry {
-    i64 time;
-    std::string line;
-};
-
-typedef std::vector<LogRecordEntry> LogRecordList;
 
 class LogLineSink {
 public:
@@ -34,15 +26,28 @@ public:
     // negative one counts as huge, and held to kMaxLines.
     static u32 CapLineCount(i64 requested);
 
-    // The read-back's callback: one qualifying line.
-    void AddLine(i64 time, const char* text, size_t length);
+    // The read-back's callback: one qualifying line, columns 3 to 31 of the
+    // log line without the line end. printable says that every byte of it
+    // lies in 0x20 to 0x7E.
+    void AddLine(const char* text, size_t length, bool printable);
 
-    const LogRecordList& Records() const { return m_Records; }
+    // Makes room for bytes of joined text at once, so that a large
+    // read-back neither copies its text as it grows nor touches fresh memory
+    // more than once.
+    void Reserve(size_t bytes) { m_Text.reserve(bytes); }
+
+    size_t LineCount() const { return m_LineCount; }
+    // Every line followed by a line feed.
+    const std::string& JoinedText() const { return m_Text; }
+    // True when every line delivered was printable ASCII.
+    bool AllPrintable() const { return m_AllPrintable; }
     u32 MaxLines() const { return m_MaxLines; }
 
 private:
     const u32 m_MaxLines;
-    LogRecordList m_Records;
+    size_t m_LineCount = 0;
+    std::string m_Text;
+    bool m_AllPrintable = true;
 };
 
 }  // namespace VEXIL

@@ -19,7 +19,6 @@ using VEXIL::DriverLogEntry;
 using VEXIL::LogData;
 using VEXIL::LogDataArgument;
 using VEXIL::LogLineSink;
-using VEXIL::LogRecordEntry;
 using VEXIL::RecordCopy;
 using VEXIL::WithConfig;
 
@@ -59,20 +58,34 @@ int GetLogDataLua(lua_State* L) {
         LogLineSink sink(LogLineSink::CapLineCount(maxLines));
         log->GetLogData(RoleOf(roleArgument), startTime, endTime < 0 ? 0 : endTime, uuid, &sink);
 
-        // The lines are read back as UTF-8 text, one line feed after each.
-        // Each line is decoded on its own: one whose bytes are no UTF-8 (the
-        // unterminated tail of a damaged file) is taken byte for byte as
-        // Latin-1, so that it cannot swallow the lines behind it.
+        // The lines go back as UTF-8 text, one line feed after each. Lines
+        // of printable ASCII, which is all a well-formed file holds, are
+        // that already.
+        const std::string& joined = sink.JoinedText();
+        const char* bytes = joined.data();
+        size_t length = joined.size();
+        // The converted text may live inside the string that it came from.
         wxString text;
-        for (const LogRecordEntry& entry : sink.Records()) {
-            wxString line = wxString::FromUTF8(entry.line.data(), entry.line.size());
-            if (line.empty() && !entry.line.empty()) {
-                line = wxString(entry.line.data(), wxConvISO8859_1, entry.line.size());
+        wxScopedCharBuffer utf8;
+        if (!sink.AllPrintable()) {
+            // Each line is decoded on its own: one whose bytes are no UTF-8
+            // (the unterminated tail of a damaged file) is taken byte for
+            // byte as Latin-1, so that it cannot swallow the lines behind it.
+            for (size_t start = 0; start < length;) {
+                const size_t end = joined.find('\n', start);
+                const size_t lineLength = end - start;
+                wxString line = wxString::FromUTF8(bytes + start, lineLength);
+                if (line.empty() && lineLength != 0) {
+                    line = wxString(bytes + start, wxConvISO8859_1, lineLength);
+                }
+                text += line;
+                text += '\n';
+                start = end + 1;
             }
-            text += line;
-            text += '\n';
+            utf8 = text.utf8_str();
+            bytes = utf8.data();
+            length = utf8.length();
         }
-        const wxScopedCharBuffer utf8 = text.utf8_str();
 
         char startText[1024] = {};
         const time_t start = time_t(startTime);
@@ -82,9 +95,9 @@ int GetLogDataLua(lua_State* L) {
         }
         NORV_TRACE(L"vexil", wxString::Format("GetLogData(%s) returning %d bytes for %s driver "
                                               "requested start time = %s",
-                                              uuid, int(utf8.length()),
-                                              roleArgument == 0 ? "fw" : "dpi", startText));
-        PushBytes(L, utf8.data(), utf8.length());
+                                              uuid, int(length), roleArgument == 0 ? "fw" : "dpi",
+                                              startText));
+        PushBytes(L, bytes, length);
         return 1;
     });
 }

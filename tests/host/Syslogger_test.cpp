@@ -1,6 +1,7 @@
 // CSyslogger: settings from the current CDom, the two CEF escapes, and
 // appends bounded by the buffer size.
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -90,4 +91,27 @@ TEST(SysloggerTest, AppendsAreCutToTheBufferAtCharacterBoundaries) {
     syslogger.AppendHeaderCEF(nullptr, 10);
     syslogger.AppendHostIdentityCEF(5, full8, 0);
     EXPECT_STREQ("1234567", full8);
+}
+
+TEST(SysloggerTest, ASettingChangeActsFromTheNextReadAnotherStoreToo) {
+    auto dom = std::make_unique<CDom>(":memory:");
+    CSyslogger syslogger("pnp");
+    syslogger.UpdateConfig();
+    EXPECT_FALSE(syslogger.GetSyslogFormatCEF());
+    ASSERT_TRUE(dom->Set("norv.syslog.cef", true));
+    ASSERT_TRUE(dom->Set("norv.syslog.cef.product", std::string("P")));
+    syslogger.UpdateConfig();
+    EXPECT_TRUE(syslogger.GetSyslogFormatCEF());
+    EXPECT_EQ("CEF:0|Norv|P|1.0|", Header(syslogger));
+    ASSERT_TRUE(dom->Set("norv.syslog.format", i64(2)));
+    syslogger.UpdateConfig();
+    EXPECT_EQ(2, syslogger.GetSyslogFormat());
+
+    // A new store, even one made where the old one stood, is read afresh.
+    dom.reset();
+    dom = std::make_unique<CDom>(":memory:");
+    syslogger.UpdateConfig();
+    EXPECT_FALSE(syslogger.GetSyslogFormatCEF());
+    EXPECT_EQ(0, syslogger.GetSyslogFormat());
+    EXPECT_EQ("CEF:0|Norv|Agent|1.0|", Header(syslogger));
 }
