@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config git
+  build-essential cmake pkg-config git dpkg-dev clang-format
   liblua5.2-dev lua5.2 lua-busted
   libssl-dev openssl
   libwxgtk3.2-dev
