@@ -224,10 +224,14 @@ private:
         NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
     IpList* m_DestIpList = nullptr;   // m_DestIpListLock
     wxCriticalSection m_DestIpListLock;
+    // KEEP: nothing sets this list; the IPv6 destination test reads it, so a
+    // list given here one day is honoured without touching the analysis.
     IpList* m_DestIpv6List = nullptr;  // m_DestIpv6ListLock
     wxCriticalSection m_DestIpv6ListLock;
     IpList* m_WhitelistIpList = nullptr;  // m_WhitelistIpListLock
     wxCriticalSection m_WhitelistIpListLock;
+    // KEEP: a lock with no list behind it; the analysis takes it where an
+    // IPv6 whitelist would be tested, so the lock order stays as documented.
     wxCriticalSection m_WhitelistIpv6ListLock;
     wxCriticalSection m_ProbeConfigLock;
     i32 m_BlockAttackerSeconds[kProbeTypeCount] = {};       // m_ProbeConfigLock
