@@ -179,6 +179,19 @@ describe("log:GetLogData", function()
     assert.are.equal("5", dom:GetSetting("norvp.vexil.lastline.packet"))
   end)
 
+  it("reads on after a first line longer than a read piece in a file above the read buffer",
+     function()
+    local late, inSpan = line("f", T0 - 5, 1), line("f", T0, 2)
+    family { norv_mpnp = { string.rep("x", 300 * 1024), late, inSpan } }
+    assert.are.equal(delivered(late, inSpan), log:GetLogData(T0, 0, 0, 100))
+  end)
+
+  it("delivers a late line exactly one margin before the start", function()
+    local edge = line("f", T0 - MARGIN, 1)
+    family { norv_mpnp = { line("f", T0, 2), edge } }
+    assert.are.equal(delivered(line("f", T0, 2), edge), log:GetLogData(T0, 0, 0, 100))
+  end)
+
   it("leaves out lines without a first time", function()
     family { norv_mpnp = { line("f", T0, 1, "0"), line("f", T0, 2, "x"),
                            line("f", T0, 3, "-1500000"), "2023/11/14, 22:13:20, f, 0",

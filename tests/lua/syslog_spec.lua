@@ -157,6 +157,20 @@ describe("log:SyslogFormat", function()
                    format(payload { note = "0123456789abcdef", note_len = 20 }, false, 0))
   end)
 
+  it("takes a note with a tilde as printable text", function()
+    assert.matches(" NOTE=a~b FLAGS=", format(payload { note = "a~b" }, false, 0), 1, true)
+  end)
+
+  it("looks up a native MAC that reaches into trailing data of 100 to 200 bytes", function()
+    local data = string.rep("\171", 150)
+    local record = packet(ETHERNET, { interface_mac_len = 200, data_len = #data })
+    local bytes = norvi.EncodeRecord(record):sub(45, 192) .. data:sub(1, 52)
+    local key = bytes:gsub(".", function(c) return string.format("%02x", c:byte()) end)
+    local cfg = config()
+    cfg.interfaceMap = { [key] = { name = "long", id = 9 } }
+    assert.matches(" IN=long OUT= ", format(record, false, 0, data, cfg), 1, true)
+  end)
+
   it("escapes the header fields and the extension values of CEF", function()
     local message = format(payload { id = 4716, note = "x=y\\" }, true, 2)
     local head = HEADER .. "id\\|\\\\=|a\\|b\\\\c=d\nx|6|" .. IDENTITY .. " src="
