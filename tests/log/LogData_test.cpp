@@ -17,17 +17,6 @@ using VEXIL::LogData;
 
 namespace {
 
-TEST(LogDataSettings, DefaultsWithNoSettings) {
-    CDom dom(":memory:");
-    LogData log(dom);
-    EXPECT_DOUBLE_EQ(0.25, log.GetScanRatioCleanBin());
-    EXPECT_EQ(4.000000000000001, log.GetScanRatioSuspectBin());
-    EXPECT_EQ(10000u, log.GetTimeBinMsec());
-    EXPECT_EQ(300000u, log.GetScanningIpsRetentionMsec());
-    EXPECT_TRUE(log.GetIgnoreTcpFlags().empty());
-    EXPECT_EQ("/var/lib/norv/Logfiles/norv_agent/norv_mpnp", log.GetLogFileFullPath());
-}
-
 TEST(LogDataSettings, ProbabilitiesAndTimesAreParsed) {
     CDom dom(":memory:");
     dom.Set("norvp.vexil.analysis.ScanPrY0H0", std::string("0.5"));
