@@ -32,15 +32,6 @@ local function writeFile(path, lines, ending)
   file:close()
 end
 
--- Runs a chunk in a fresh interpreter, at most 10 s, and gives its output.
-local function fresh(chunk, ...)
-  local pipe = io.popen(string.format("timeout 10 lua5.2 -e %q 2>/dev/null",
-                                      string.format(chunk, ...)))
-  local output = pipe:read("*a")
-  pipe:close()
-  return output
-end
-
 describe("log:GetLogData", function()
   local folder, dom, log
 
@@ -228,7 +219,7 @@ describe("log:GetLogData", function()
     os.remove(folder .. "/norv_mpnp.1")
     os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
     assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
-                     "/norv_mpnp.1|Invalid argument", fresh([[
+                     "/norv_mpnp.1|Invalid argument", support.run([[
       require "norv"; require "vexil"
       local dom = SLB.norv.Dom(":memory:")
       local log = SLB.vexil.LogData(dom)

@@ -1,13 +1,11 @@
 -- log:SyslogFormat: one driver record as a syslog message, native or CEF.
 -- The message texts of the golden cases stand in tests/golden/syslog, one
--- file per case; VEXIL_WRITE_GOLDEN=1 writes them anew (review the diff).
+-- file per case.
 local support = require "support"
 local norv = require "norv"
 assert(require "vexil" == true)
 local norvi = require "norvi"
 
-local golden = (os.getenv("VEXIL_SOURCE_DIR") or ".") .. "/tests/golden/syslog/"
-local writeGolden = os.getenv("VEXIL_WRITE_GOLDEN") == "1"
 
 local HEADER = "CEF:0|Norv|Agent|1.0|"
 local IDENTITY = " dvchost=host-7 deviceExternalId=7"
@@ -267,13 +265,7 @@ describe("log:SyslogFormat", function()
         end
       end
       local text = table.concat(parts, "\n") .. "\n"
-      local path = golden .. case[1] .. ".txt"
-      if writeGolden then
-        local file = assert(io.open(path, "wb"))
-        file:write(text)
-        file:close()
-      end
-      assert.are.equal(support.read(path), text)
+      assert.are.equal(support.golden("syslog/" .. case[1] .. ".txt", text), text)
     end)
   end
 end)
