@@ -77,7 +77,8 @@ TEST(RecordText, AddressesAsDottedQuadsOrHexGroups) {
     VEXIL::AddressText(text, sizeof text, &v6.entry, false);
     EXPECT_STREQ("2001:db8:0:0:0:0:0:00:0:0:0:0:0:0:abcd", text);
     text[0] = '\0';
-    VEXIL::AddressText(text, sizeof text, &Record().entry, true);
+    const Record none;
+    VEXIL::AddressText(text, sizeof text, &none.entry, true);
     EXPECT_STREQ("", text);
 }
 
