@@ -4,7 +4,7 @@ CMAKE ?= cmake
 CTEST ?= ctest
 
 .PHONY: all deps build demo check check-layers check-format test test-asan test-tsan bench \
-	format install package clean
+	format install package check-package clean
 
 # Where `make install` and the package put the tree.
 PREFIX ?= /usr
@@ -77,7 +77,8 @@ package: deps build-pkg/CMakeCache.txt
 	$(CMAKE) --build build-pkg -j $(JOBS)
 	cd build-pkg && cpack -G DEB
 
-# Installs the package into a scratch root and loads the modules from there.
+# Unpacks the package into a scratch root and loads the modules from there
+# (VEXIL_PACKAGE_INSTALL=1, as root: also installs it for real and removes it).
 check-package: package
 	bash scripts/check-package.sh build-pkg/vexil_*.deb
 
