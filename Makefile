@@ -3,7 +3,13 @@ JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
 
-.PHONY: all deps build demo check test test-asan test-tsan check-locks soak bench format clean
+.PHONY: all deps build demo check check-layers check-format test test-asan test-tsan check-locks soak bench \
+	format install package check-package clean
+
+# Where `make install` and the package put the tree.
+PREFIX ?= /usr
+# The folders of C++ code that clang-format keeps in shape (those that exist).
+FORMAT_DIRS := $(wildcard host driver module config log analysis ssl agent fuzz tests bench)
 
 all: build
 
@@ -11,7 +17,7 @@ deps:
 	@bash scripts/install-deps.sh
 
 build/CMakeCache.txt: | deps
-	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	$(CMAKE) -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=$(PREFIX)
 
 build: deps build/CMakeCache.txt
 	$(CMAKE) --build build -j $(JOBS)
@@ -53,12 +59,18 @@ build-clang/CMakeCache.txt: | deps
 check-locks: deps build-clang/CMakeCache.txt
 	$(CMAKE) --build build-clang -j $(JOBS) --target norvcore norv vexil
 
-check: test test-asan test-tsan check-locks
+check: check-layers check-format test test-asan test-tsan check-locks
 
 # The SSL service under a long load: the soak program with its full count.
 # The error lines of the requests that fail by design go to build/soak.log.
 soak: build
 	cd build && VEXIL_SOAK_REQUESTS=100000 ./SSLSoakThreads_test 2>soak.log
+
+check-layers:
+	@bash scripts/check-layers.sh
+
+check-format:
+	@find $(FORMAT_DIRS) -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
@@ -66,8 +78,24 @@ bench: deps
 	cd build-bench && ./vexil_bench
 
 format:
-	find host driver module config log analysis ssl tests bench examples \
-		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
+	find $(FORMAT_DIRS) -name '*.cpp' -o -name '*.h' | xargs clang-format -i
+
+install: build
+	$(CMAKE) --install build --prefix $(PREFIX)
+
+# The Debian package, from a build of the libraries alone (no tests).
+build-pkg/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build-pkg -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+		-DBUILD_TESTING=OFF
+
+package: deps build-pkg/CMakeCache.txt
+	$(CMAKE) --build build-pkg -j $(JOBS)
+	cd build-pkg && cpack -G DEB
+
+# Unpacks the package into a scratch root and loads the modules from there
+# (VEXIL_PACKAGE_INSTALL=1, as root: also installs it for real and removes it).
+check-package: package
+	bash scripts/check-package.sh build-pkg/vexil_*.deb
 
 clean:
-	rm -rf build build-asan build-tsan build-clang build-bench
+	rm -rf build build-asan build-tsan build-clang build-bench build-pkg

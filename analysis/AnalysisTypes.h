@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "analysis/SmallSortedSet.h"
+#include "config/ConfigUtils.h"
 #include "host/Types.h"
 
 namespace VEXIL {
@@ -18,7 +19,6 @@ enum ProbeType : u8 {
     SynFinScan = 3,
     XmasScan = 4,
 };
-constexpr int kProbeTypeCount = 5;
 
 // The name of a probe type in event texts and trace lines.
 inline const char* ProbeTypeName(int type) {

@@ -15,15 +15,10 @@ namespace VEXIL {
 namespace {
 
 // Reason codes that matter to the analysis.
-constexpr i16 kReasonConntrackClosedNormal = 10000;
-constexpr i16 kReasonConntrackClosedOther = 10001;
 constexpr i16 kReasonDroppedRetransmit = 139;
 // The action "Log", with or without the detect-only mark (0x80).
 constexpr u16 kActionLog = 6;
 constexpr u16 kActionDetectOnlyMask = 0xFF7F;
-
-constexpr u8 kProtocolTcp = 6;
-constexpr u16 kDontFragment = 0x4000;
 
 bool Ipv6AddressesZero(const DriverLogEntry& record) {
     for (int group = 0; group < 8; ++group) {
@@ -102,16 +97,17 @@ bool LogData::AnalyzeLogEntry(const std::string& /*line*/, const u64* /*firstTim
             return true;
         }
     }
-    if (reason == kReasonConntrackClosedNormal) {
+    if (reason == DriverLogEntry::kReasonConnectionClosedNormal) {
         SCAN_TRACE_BUSY("AnalyzeLogEntry - returning because log_reason_conntrack_closed_normal");
         return true;
     }
 
     // Stealth probes: one IPv4 TCP packet tells. The other close
     // notification skips this on purpose and is counted as a flow.
-    if (reason != kReasonConntrackClosedOther && ipv4 && record.iph_proto() == kProtocolTcp) {
+    if (reason != DriverLogEntry::kReasonConnectionClosedOther && ipv4 &&
+        record.iph_proto() == DriverLogEntry::kProtocolTcp) {
         const u8 tcpFlags = record.tcph_flags();
-        const bool dontFragment = (record.iph_frag_off() & kDontFragment) != 0;
+        const bool dontFragment = (record.iph_frag_off() & DriverLogEntry::kDontFragment) != 0;
         const CProbeClassifier::Verdict verdict =
             CProbeClassifier::Classify(tcpFlags, dontFragment, m_IgnoreTcpFlags);
         if (verdict.outcome == CProbeClassifier::kIgnored) {

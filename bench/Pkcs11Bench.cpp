@@ -16,9 +16,9 @@
 #include <benchmark/benchmark.h>
 #include <wx/filename.h>
 
+#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
-#include "driver/standin/NorviControl.h"
 #include "ssl/Pkcs11Module.h"
 #include "ssl/SSLCertThread.h"
 

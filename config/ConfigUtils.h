@@ -31,6 +31,10 @@ struct lua_State;
 
 namespace VEXIL {
 
+// The number of probe types (FingerprintScan to XmasScan) that the probe
+// configuration map keys and the traffic analysis counts.
+constexpr int kProbeTypeCount = 5;
+
 class ConfigUtils {
 public:
     ConfigUtils(lua_State* state, i32 position) : L(state), index(position) {}
@@ -81,8 +85,8 @@ public:
     // probeNotifyImmediately. Entries 0 and 1 of the array and both bit sets
     // are cleared first. The lists are replaced even when the map is missing.
     bool getAgentConfigurationTrafficAnalysis(IpList*& destIpList, IpList*& whitelistIpList,
-                                              u32 blockAttackerSeconds[5], u32& probeEnabled,
-                                              u32& probeNotifyImmediately) const;
+                                              u32 blockAttackerSeconds[kProbeTypeCount],
+                                              u32& probeEnabled, u32& probeNotifyImmediately) const;
 
     // Parses an address list text into list (emptied first). Entries are
     // separated by runs of commas and blanks; each is a range "a-b", a masked

@@ -30,8 +30,6 @@ constexpr int kPacketFilterLogResults = 5 + kListResults;
 // Results of ReadTrafficAnalysis: destIpList, then whitelistIpList.
 constexpr int kTrafficAnalysisResults = 2 * kListResults;
 
-constexpr int kProbeTypes = 5;
-
 struct PacketFilterLogQuery {
     GroupStage stage;
 };
@@ -41,7 +39,7 @@ struct TrafficAnalysisQuery {
     GroupStage stage;
     u32 enabled;
     u32 notify;
-    u32 seconds[kProbeTypes];
+    u32 seconds[kProbeTypeCount];
     u32 negativeKeys;     // entries skipped for a negative key
     i32 lastNegativeKey;  // the last of them
 };
@@ -124,7 +122,7 @@ int ReadTrafficAnalysis(lua_State* L) {
         // counts as 0.
         const i32 key =
             static_cast<i32>(ConfigUtils::TruncateNumber(lua_tonumberx(L, -2, nullptr)));
-        if (lua_istable(L, -1) && key < kProbeTypes) {
+        if (lua_istable(L, -1) && key < kProbeTypeCount) {
             if (key < 0) {
                 // A negative key has no bit to set: it is skipped and traced
                 // by the caller, where an exception out of the bit set would
@@ -226,7 +224,7 @@ bool ConfigUtils::getAgentConfigurationPacketFilterLog(u32& size, u32& keep, IpL
 
 bool ConfigUtils::getAgentConfigurationTrafficAnalysis(IpList*& destIpList,
                                                        IpList*& whitelistIpList,
-                                                       u32 blockAttackerSeconds[5],
+                                                       u32 blockAttackerSeconds[kProbeTypeCount],
                                                        u32& probeEnabled,
                                                        u32& probeNotifyImmediately) const {
     // Entries 2 to 4 keep what they hold: a type that the map doesn't enable

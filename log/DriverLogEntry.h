@@ -31,6 +31,20 @@ struct DriverLogEntry {
     static constexpr u16 kTransportValid = 0x40;
     static constexpr u16 kSrcIpInHistoryList = 0x100;
 
+    // IP protocol numbers of protocol().
+    static constexpr u8 kProtocolIcmp = 1;
+    static constexpr u8 kProtocolTcp = 6;
+    static constexpr u8 kProtocolUdp = 17;
+    static constexpr u8 kProtocolIcmpv6 = 58;
+
+    // Bits of iph_frag_off; the rest is the offset in units of 8 bytes.
+    static constexpr u16 kDontFragment = 0x4000;
+    static constexpr u16 kMoreFragments = 0x2000;
+
+    // Reasons of the driver's notifications that a tracked connection closed.
+    static constexpr i16 kReasonConnectionClosedNormal = 10000;
+    static constexpr i16 kReasonConnectionClosedOther = 10001;
+
     // Bits of log_flags.
     static constexpr u16 kLogTrailingData = 0x02;
     static constexpr u16 kLogDataIndex = 0x04;
@@ -102,8 +116,15 @@ struct DriverLogEntry {
     // The IP protocol number; meaningful only when hasProtocol().
     u8 protocol() const { return isIpv4() ? iph_proto() : (isIpv6() ? ipv6h_next() : 0); }
     bool hasTransport() const { return (flags() & kTransportValid) != 0; }
+    bool hasTcpHeader() const {
+        return hasProtocol() && protocol() == kProtocolTcp && hasTransport();
+    }
+    bool hasIcmpHeader() const {
+        return isIpv4() && iph_proto() == kProtocolIcmp && hasTransport();
+    }
     bool hasPorts() const {
-        return hasProtocol() && hasTransport() && (protocol() == 6 || protocol() == 17);
+        return hasProtocol() && hasTransport() &&
+               (protocol() == kProtocolTcp || protocol() == kProtocolUdp);
     }
     u64 firstTimeUsec() const { return u64(time_sec()) * 1000000u + time_usec(); }
     u64 lastTimeUsec() const { return u64(end_time_sec()) * 1000000u + end_time_usec(); }

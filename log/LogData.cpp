@@ -75,6 +75,8 @@ void LogData::initialize() {
         SetLogFilePath(folder + "/Logfiles" + "/norv_agent");
         SetLogFileName("norv_mpnp");
     } else {
+        // KEEP: the text names the other platform's call; operators and
+        // their log filters know the message by these words.
         wxLogError("CLoggerThread(): Error %#lx from SHGetFolderPath() getting System folder.",
                    long(EINVAL));
         m_LogFilePath.clear();
@@ -214,7 +216,8 @@ void LogData::DrainQueue(u32 waitMsec) {
     NORV_TRACE(L"vexil", wxString::Format("DrainQueue(): waiting up to %u msec for our queue of "
                                           "events awaiting formatting to empty",
                                           waitMsec));
-    // The wait is fixed, whatever the caller asks for.
+    // KEEP: the wait is fixed at 750 ms and ignores waitMsec; callers pass
+    // what they would like, and the flush must not wait longer than this.
     const u32 start = NorvCore::SystemTickCount();
     while (NorvCore::SystemTickCount() - start < 750) {
         {

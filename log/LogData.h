@@ -239,11 +239,15 @@ private:
         NorvCore::SystemTickCount();  // CacheMaintenance only; bin 1 opens here
     IpList* m_DestIpList GUARDED_BY(m_DestIpListLock) = nullptr;
     NorvCore::CCriticalSection m_DestIpListLock;
+    // KEEP: nothing sets this list; the IPv6 destination test reads it, so a
+    // list given here one day is honoured without touching the analysis.
     IpList* m_DestIpv6List GUARDED_BY(m_DestIpv6ListLock) = nullptr;
     NorvCore::CCriticalSection m_DestIpv6ListLock;
     IpList* m_WhitelistIpList GUARDED_BY(m_WhitelistIpListLock) = nullptr;
     NorvCore::CCriticalSection m_WhitelistIpListLock;
-    NorvCore::CCriticalSection m_WhitelistIpv6ListLock;  // guards no field: IPv6 sources pass
+    // KEEP: a lock with no list behind it; the analysis takes it where an
+    // IPv6 whitelist would be tested, so the lock order stays as documented.
+    NorvCore::CCriticalSection m_WhitelistIpv6ListLock;
     NorvCore::CCriticalSection m_ProbeConfigLock;
     i32 m_BlockAttackerSeconds[kProbeTypeCount] GUARDED_BY(m_ProbeConfigLock) = {};
     std::bitset<kProbeTypeCount> m_ProbeEnabled GUARDED_BY(m_ProbeConfigLock);

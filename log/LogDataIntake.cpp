@@ -106,7 +106,8 @@ bool LogData::ProcessLogEntry(const std::string& /*line*/, const u64* /*firstTim
         }
         return false;
     }
-    if (reason == 10000 || reason == 10001) {
+    if (reason == DriverLogEntry::kReasonConnectionClosedNormal ||
+        reason == DriverLogEntry::kReasonConnectionClosedOther) {
         return false;  // connection close notifications are not logged
     }
     if (copy->log_flags() & DriverLogEntry::kLogDoNotLog) {

@@ -22,34 +22,20 @@ void AppendSpacedHex(char* buffer, size_t size, const u8* bytes, size_t count) {
     }
 }
 
-void AppendAddress(char* buffer, size_t size, const DriverLogEntry* record, bool source) {
-    if (record->isIpv4()) {
-        const u8* b = source ? record->iph_src_bytes() : record->iph_dest_bytes();
-        snprintfcat(buffer, size, "%d.%d.%d.%d", b[0], b[1], b[2], b[3]);
-    } else if (record->isIpv6()) {
-        u16 g[8];
-        for (int i = 0; i < 8; ++i) {
-            g[i] = source ? record->ipv6h_src(i) : record->ipv6h_dest(i);
-        }
-        snprintfcat(buffer, size, "%hx:%hx:%hx:%hx:%hx:%hx:%hx:%hx", g[0], g[1], g[2], g[3], g[4],
-                    g[5], g[6], g[7]);
-    }
-}
-
 // Column 11: TCP flag words, ICMP type and code, fragment details.
 void AppendPacketDetails(char* buffer, size_t size, const DriverLogEntry* record) {
-    if (record->hasProtocol() && record->protocol() == 6 && record->hasTransport()) {
+    if (record->hasTcpHeader()) {
         TcpFlagsText(buffer, size, record);
     }
     if (!record->isIpv4()) {
         return;
     }
-    if (record->hasTransport() && record->iph_proto() == 1) {
+    if (record->hasIcmpHeader()) {
         snprintfcat(buffer, size, "Type:%d Code:%d", record->icmph_type(), record->icmph_code());
     }
-    const u16 fragment = record->iph_frag_off();
-    const bool dontFragment = (fragment & 0x4000) != 0;
-    const bool moreFragments = (fragment & 0x2000) != 0;
+    const FragmentBits bits = FragmentBitsOf(record);
+    const bool dontFragment = bits.dontFragment;
+    const bool moreFragments = bits.moreFragments;
     // The fragment reasons always show both bits and the offsets.
     const bool fragmentReason = record->reason() >= 108 && record->reason() <= 112;
     if (dontFragment) {
@@ -63,8 +49,7 @@ void AppendPacketDetails(char* buffer, size_t size, const DriverLogEntry* record
         strcat_safe(buffer, size, " MF=0");
     }
     if (fragmentReason) {
-        // Times 8 in 16 bits pushes the three flag bits out of the word.
-        snprintfcat(buffer, size, " FragOffs=%d IPTotalLen=%d", u16(fragment * 8),
+        snprintfcat(buffer, size, " FragOffs=%d IPTotalLen=%d", bits.offsetBytes,
                     record->iph_total_len());
     }
 }
@@ -136,13 +121,13 @@ bool LogData::BinaryToAscii(const DriverLogEntry* record, std::string& line, u64
     strcat_safe(logBuf, size, kSeparator);
 
     const bool ports = record->hasPorts();
-    AppendAddress(logBuf, size, record, true);
+    AddressText(logBuf, size, record, true);
     strcat_safe(logBuf, size, kSeparator);
     if (ports) {
         snprintfcat(logBuf, size, "%d", record->th_sport());
     }
     strcat_safe(logBuf, size, kSeparator);
-    AppendAddress(logBuf, size, record, false);
+    AddressText(logBuf, size, record, false);
     strcat_safe(logBuf, size, kSeparator);
     if (ports) {
         snprintfcat(logBuf, size, "%d", record->th_dport());

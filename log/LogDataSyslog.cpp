@@ -193,35 +193,22 @@ void AppendEthernet(char* logBuf, const DriverLogEntry* record, const ConfigUtil
 // Fields 3 to 10, common to both kinds of record.
 void AppendPacketFields(char* logBuf, const DriverLogEntry* record, bool cef, int format) {
     const bool native = format == 0;
-    if (record->isIpv4()) {
-        const u8* s = record->iph_src_bytes();
-        const u8* d = record->iph_dest_bytes();
-        snprintfcat(logBuf, kLogBufSize, " %s=%d.%d.%d.%d", native ? "SRC" : "src", s[0], s[1],
-                    s[2], s[3]);
-        snprintfcat(logBuf, kLogBufSize, " %s=%d.%d.%d.%d", native ? "DST" : "dst", d[0], d[1],
-                    d[2], d[3]);
-    } else if (record->isIpv6()) {
-        for (int side = 0; side < 2; ++side) {
-            u16 g[8];
-            for (int i = 0; i < 8; ++i) {
-                g[i] = side == 0 ? record->ipv6h_src(i) : record->ipv6h_dest(i);
-            }
-            const char* key = side == 0 ? (native ? "SRC" : "src") : (native ? "DST" : "dst");
-            snprintfcat(logBuf, kLogBufSize, " %s=%hx:%hx:%hx:%hx:%hx:%hx:%hx:%hx", key, g[0], g[1],
-                        g[2], g[3], g[4], g[5], g[6], g[7]);
-        }
+    if (record->hasProtocol()) {
+        snprintfcat(logBuf, kLogBufSize, " %s=", native ? "SRC" : "src");
+        AddressText(logBuf, kLogBufSize, record, true);
+        snprintfcat(logBuf, kLogBufSize, " %s=", native ? "DST" : "dst");
+        AddressText(logBuf, kLogBufSize, record, false);
     }
 
     snprintfcat(logBuf, kLogBufSize, " %.16s=%u",
                 !cef ? "LEN" : (record->isIncoming() ? "in" : "out"), record->packet_len());
 
     if (record->isIpv4()) {
-        const u16 fragment = record->iph_frag_off();
-        const bool dontFragment = (fragment & 0x4000) != 0;
-        const bool moreFragments = (fragment & 0x2000) != 0;
+        const FragmentBits bits = FragmentBitsOf(record);
+        const bool dontFragment = bits.dontFragment;
+        const bool moreFragments = bits.moreFragments;
         if (dontFragment || moreFragments) {
-            // Times 8 in 16 bits: the offset in bytes, the flag bits pushed out.
-            const unsigned offset = u16(fragment * 8);
+            const unsigned offset = bits.offsetBytes;
             if (native) {
                 snprintfcat(logBuf, kLogBufSize, "%s%s FRAG=%u", dontFragment ? " DF" : "",
                             moreFragments ? " MF" : "", offset);
@@ -243,20 +230,21 @@ void AppendPacketFields(char* logBuf, const DriverLogEntry* record, bool cef, in
         snprintfcat(logBuf, kLogBufSize, " %s=%d", native ? "SPT" : "spt", record->th_sport());
         snprintfcat(logBuf, kLogBufSize, " %s=%d", native ? "DPT" : "dpt", record->th_dport());
     }
-    if (record->hasProtocol() && record->protocol() == 6 && record->hasTransport()) {
+    if (record->hasTcpHeader()) {
         const u8 tcpFlags = record->tcph_flags();
+        // The two top bits (CWR, ECE) as a number, the other six as words.
         snprintfcat(logBuf, kLogBufSize, " %.3s=0x%02X", native ? "RES" : "cs2", tcpFlags >> 6);
-        static const char* const kWords[6] = {" URG", " ACK", " PSH", " RST", " SYN", " FIN"};
-        for (int bit = 0; bit < 6; ++bit) {
-            if (tcpFlags & (0x20 >> bit)) {
-                strcat_safe(logBuf, kLogBufSize, kWords[bit]);
+        for (int bit = 2; bit < 8; ++bit) {
+            if (tcpFlags & (0x80 >> bit)) {
+                strcat_safe(logBuf, kLogBufSize, " ");
+                strcat_safe(logBuf, kLogBufSize, kTcpFlagWords[bit]);
             }
         }
         if (format >= 2) {
             strcat_safe(logBuf, kLogBufSize, " cs2Label=TCP Flags");
         }
     }
-    if (record->isIpv4() && record->iph_proto() == 1 && record->hasTransport()) {
+    if (record->hasIcmpHeader()) {
         snprintfcat(logBuf, kLogBufSize, " %s=%d %s%d", native ? "TYPE" : "cs4",
                     record->icmph_type(), native ? "CODE=" : "", record->icmph_code());
         if (format >= 2) {

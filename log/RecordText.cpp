@@ -4,13 +4,35 @@
 
 namespace VEXIL {
 
+const char* const kTcpFlagWords[8] = {"CWR", "ECE", "URG", "ACK", "PSH", "RST", "SYN", "FIN"};
+
+void AddressText(char* buffer, size_t size, const DriverLogEntry* record, bool source) {
+    if (record->isIpv4()) {
+        const u8* b = source ? record->iph_src_bytes() : record->iph_dest_bytes();
+        snprintfcat(buffer, size, "%d.%d.%d.%d", b[0], b[1], b[2], b[3]);
+    } else if (record->isIpv6()) {
+        u16 g[8];
+        for (int i = 0; i < 8; ++i) {
+            g[i] = source ? record->ipv6h_src(i) : record->ipv6h_dest(i);
+        }
+        snprintfcat(buffer, size, "%hx:%hx:%hx:%hx:%hx:%hx:%hx:%hx", g[0], g[1], g[2], g[3], g[4],
+                    g[5], g[6], g[7]);
+    }
+}
+
+FragmentBits FragmentBitsOf(const DriverLogEntry* record) {
+    const u16 fragment = record->iph_frag_off();
+    return {(fragment & DriverLogEntry::kDontFragment) != 0,
+            (fragment & DriverLogEntry::kMoreFragments) != 0, u16(fragment * 8)};
+}
+
 void ProtocolText(char* buffer, size_t size, const DriverLogEntry* record) {
     if (!record->hasProtocol()) {
         return;
     }
     const u8 protocol = record->protocol();
     switch (protocol) {
-        case 1:
+        case DriverLogEntry::kProtocolIcmp:
             strcat_safe(buffer, size, "ICMP");
             break;
         case 2:
@@ -19,19 +41,19 @@ void ProtocolText(char* buffer, size_t size, const DriverLogEntry* record) {
         case 3:
             strcat_safe(buffer, size, "GGP");
             break;
-        case 6:
+        case DriverLogEntry::kProtocolTcp:
             strcat_safe(buffer, size, "TCP");
             break;
         case 12:
             strcat_safe(buffer, size, "PUP");
             break;
-        case 17:
+        case DriverLogEntry::kProtocolUdp:
             strcat_safe(buffer, size, "UDP");
             break;
         case 22:
             strcat_safe(buffer, size, "IDP");
             break;
-        case 58:
+        case DriverLogEntry::kProtocolIcmpv6:
             strcat_safe(buffer, size, "ICMPv6");
             break;
         case 77:
@@ -44,12 +66,11 @@ void ProtocolText(char* buffer, size_t size, const DriverLogEntry* record) {
 }
 
 void TcpFlagsText(char* buffer, size_t size, const DriverLogEntry* record) {
-    static const char* const kWords[8] = {"CWR ", "ECE ", "URG ", "ACK ",
-                                          "PSH ", "RST ", "SYN ", "FIN "};
     const u8 flags = record->tcph_flags();
     for (int bit = 0; bit < 8; ++bit) {
         if (flags & (0x80 >> bit)) {
-            strcat_safe(buffer, size, kWords[bit]);
+            strcat_safe(buffer, size, kTcpFlagWords[bit]);
+            strcat_safe(buffer, size, " ");
         }
     }
 }

@@ -9,6 +9,22 @@
 
 namespace VEXIL {
 
+// The source or destination address: a dotted quad for IPv4, eight groups of
+// lower-case hex for IPv6, nothing for a record without an IP header.
+void AddressText(char* buffer, size_t size, const DriverLogEntry* record, bool source);
+
+// The fragment bits of an IPv4 record and its offset in bytes (the offset
+// field times 8, in 16 bits, which pushes the three flag bits out).
+struct FragmentBits {
+    bool dontFragment;
+    bool moreFragments;
+    u16 offsetBytes;
+};
+FragmentBits FragmentBitsOf(const DriverLogEntry* record);
+
+// The words of the TCP flag bits, from CWR (0x80) down to FIN (0x01).
+extern const char* const kTcpFlagWords[8];
+
 // The protocol word ("TCP", "ICMPv6", ...) or its number; nothing for a
 // record that carries no IP header.
 void ProtocolText(char* buffer, size_t size, const DriverLogEntry* record);

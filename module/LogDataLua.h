@@ -1,9 +1,13 @@
-// The raw script functions of vexil::LogData, registered by luaopen_vexil.
+// The script class vexil::LogData.
 #pragma once
 
-#include <lua.hpp>
+#include "host/slb/SLB.h"
 
-// log:WriteLogData(record, data, config, packet) -> boolean
-int WriteLogDataLua(lua_State* L);
-// log:SetNorvi(handle) -> 1
-int SetNorviLua(lua_State* L);
+// Registers vexil::LogData: its constructor, its bound methods, and its raw
+// functions, which read their arguments by stack position:
+//   log:WriteLogData(record, data, config, packet) -> boolean
+//   log:SetNorvi(handle) -> 1
+//   log:GetLogData(startTime, endTime, role, maxLines) -> string
+//   log:SyslogFormat(record, data, config) -> string
+//   log:CacheMaintenance(config) -> boolean
+void logDataLua_Init(SLB::Manager* manager);

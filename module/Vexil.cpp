@@ -7,15 +7,11 @@
 #include <lua.hpp>
 
 #include "host/Toolkit.h"
-#include "host/Trace.h"
 #include "host/slb/SLB.h"
-#include "log/LogData.h"
+#include "module/EntryGuard.h"
 #include "module/LogDataLua.h"
-#include "module/MaintenanceLua.h"
-#include "module/QueryLua.h"
-#include "module/SslLua.h"
-
-using VEXIL::LogData;
+#include "module/RSAKeyLua.h"
+#include "module/SSLCertThreadLua.h"
 
 namespace {
 
@@ -34,38 +30,28 @@ wxDynamicLibrary* OpenSelf() {
 wxDynamicLibrary* g_SelfReference = OpenSelf();
 
 void vexilLua_Init(SLB::Manager* manager) {
-    SLB::Class<LogData, SLB::Instance::NoCopy>("vexil::LogData", manager)
-        .setInfo("VEXIL::LogData: renders, caches, stores and analyses driver records")
-        .constructor<NorvCore::CDom&>()
-        .set("GetLogData", SLB::FuncCall::create(GetLogDataLua))
-        .set("WriteLogData", SLB::FuncCall::create(WriteLogDataLua))
-        .set("SyslogFormat", SLB::FuncCall::create(SyslogFormatLua))
-        .set("SetNorvi", SLB::FuncCall::create(SetNorviLua))
-        .set("SetLogFileName", &LogData::SetLogFileName)
-        .set("GetLogFileName", &LogData::GetLogFileName)
-        .set("SetLogFilePath", &LogData::SetLogFilePath)
-        .set("GetLogFilePath", &LogData::GetLogFilePath)
-        .set("SetLogFileSizeKB", &LogData::SetLogFileSizeKB)
-        .set("GetLogFileSizeKB", &LogData::GetLogFileSizeKB)
-        .set("SetNumberOfOldCopies", &LogData::SetNumberOfOldCopies)
-        .set("GetNumberOfOldCopies", &LogData::GetNumberOfOldCopies)
-        .set("GetLogFileFullPath", &LogData::GetLogFileFullPath)
-        .set("FlushBufferedData", &LogData::FlushBufferedData)
-        .set("InitializeLogFile", &LogData::InitializeLogFile)
-        .set("CacheMaintenance", SLB::FuncCall::create(CacheMaintenanceLua));
-    sslLua_Init(manager);
+    logDataLua_Init(manager);
+    sslCertThreadLua_Init(manager);
+    rsaKeyLua_Init(manager);
 }
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) int luaopen_vexil(lua_State* L) {
-    NorvCore::InitializeToolkit();
-    NORV_TRACE(L"vexil", "luaopen_vexil");
-    SLB::Manager* manager = SLB::Manager::getInstance(L);
+    SLB::Manager* manager = nullptr;
+    const int results = VEXIL::GuardEntry(L, "luaopen_vexil", VEXIL::EntryFailure::LuaError, [&] {
+        NorvCore::InitializeToolkit();
+        VEXIL::TraceEntry("luaopen_vexil");
+        manager = SLB::Manager::getInstance(L);
+        if (manager == nullptr) {
+            return 0;
+        }
+        vexilLua_Init(manager);
+        lua_pushboolean(L, 1);
+        return 1;
+    });
     if (manager == nullptr) {
         return luaL_error(L, "SLB not initialized in this interpreter");
     }
-    vexilLua_Init(manager);
-    lua_pushboolean(L, 1);
-    return 1;
+    return results;
 }

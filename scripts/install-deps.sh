@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config git clang
+  build-essential cmake pkg-config git dpkg-dev clang clang-format
   liblua5.2-dev lua5.2 lua-busted
   libssl-dev openssl
   libp11-kit-dev p11-kit p11-kit-modules softhsm2 opensc

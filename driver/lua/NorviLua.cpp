@@ -12,9 +12,9 @@
 
 #include <lua.hpp>
 
+#include "driver/standin/NorviControl.h"
 #include "host/NorviLoader.h"
 #include "host/norvi.h"
-#include "driver/standin/NorviControl.h"
 
 namespace {
 

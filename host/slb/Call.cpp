@@ -19,6 +19,7 @@ ClassInfo* ClassForConstructor(lua_State* L, const std::string& typeKey) {
     Manager* manager = Manager::getInstance(L);
     ClassInfo* cls = manager ? manager->getClass(typeKey) : nullptr;
     if (!cls) {
+        // KEEP: the misspelling and the trailing blank; scripts match this text.
         luaL_error(L, "Class %s is not avaliable! ", typeKey.c_str());
     }
     return cls;

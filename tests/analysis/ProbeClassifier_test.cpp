@@ -1,5 +1,5 @@
-// The stealth probe table over every flag byte, with and without DF, with no
-// ignored bytes and with all of them ignored.
+// The stealth probe rules, each at its edges, with and without DF, and the
+// ignore set, which only bytes that no rule matched can meet.
 #include <set>
 
 #include <gtest/gtest.h>
@@ -10,36 +10,47 @@ using VEXIL::CProbeClassifier;
 
 namespace {
 
-TEST(ProbeClassifier, EveryByteFallsIntoItsClassAndOnlyOrdinaryBytesAreIgnored) {
-    std::set<u8> all;
-    for (int flags = 0; flags < 256; ++flags) {
-        all.insert(u8(flags));
-    }
-    for (const std::set<u8>& ignore : {std::set<u8>(), all}) {
-        for (int value = 0; value < 512; ++value) {
-            const u8 flags = u8(value);
-            const bool dontFragment = value >= 256;
+TEST(ProbeClassifier, FirstRuleThatHoldsWinsAndOnlyOrdinaryBytesAreIgnored) {
+    const int kNone = -1;
+    const struct {
+        u8 flags;
+        bool dontFragment;
+        int type;
+    } cases[] = {
+        {0x2B, false, VEXIL::FingerprintScan},
+        {0x00, true, VEXIL::FingerprintScan},
+        {0x00, false, VEXIL::NullScan},
+        {0x29, false, VEXIL::XmasScan},
+        {0xFF, true, VEXIL::XmasScan},
+        {0x03, false, VEXIL::SynFinScan},
+        {0xAB, false, VEXIL::SynFinScan},
+        {0x2F, false, VEXIL::SynFinScan},
+        {0x02, false, kNone},
+        {0x12, true, kNone},
+        {0x29 ^ 0x80, false, kNone},
+        {0x01, false, kNone},
+    };
+    const std::set<u8> everything = [] {
+        std::set<u8> all;
+        for (int flags = 0; flags < 256; ++flags) {
+            all.insert(u8(flags));
+        }
+        return all;
+    }();
+    const std::set<u8> nothing;
+    for (const auto& c : cases) {
+        for (const std::set<u8>* ignore : {&nothing, &everything}) {
             const CProbeClassifier::Verdict verdict =
-                CProbeClassifier::Classify(flags, dontFragment, ignore);
-            int expected = -1;  // no probe
-            if (flags == 0x2B || (flags == 0 && dontFragment)) {
-                expected = VEXIL::FingerprintScan;
-            } else if (flags == 0x29 || flags == 0xFF) {
-                expected = VEXIL::XmasScan;
-            } else if ((flags & 3) == 3) {
-                expected = VEXIL::SynFinScan;
-            } else if (flags == 0) {
-                expected = VEXIL::NullScan;
-            }
-            if (expected < 0) {
+                CProbeClassifier::Classify(c.flags, c.dontFragment, *ignore);
+            if (c.type == kNone) {
                 EXPECT_EQ(
-                    ignore.empty() ? CProbeClassifier::kNotStealth : CProbeClassifier::kIgnored,
+                    ignore->empty() ? CProbeClassifier::kNotStealth : CProbeClassifier::kIgnored,
                     verdict.outcome)
-                    << value;
-                continue;
+                    << int(c.flags);
+            } else {
+                EXPECT_EQ(CProbeClassifier::kProbe, verdict.outcome) << int(c.flags);
+                EXPECT_EQ(c.type, verdict.type) << int(c.flags);
             }
-            EXPECT_EQ(CProbeClassifier::kProbe, verdict.outcome) << value;
-            EXPECT_EQ(expected, verdict.type) << value;
         }
     }
     // Only the listed byte is ignored.

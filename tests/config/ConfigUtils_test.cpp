@@ -13,10 +13,10 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
 #include "host/Trace.h"
-#include "driver/standin/NorviControl.h"
 
 using ::testing::HasSubstr;
 using VEXIL::ConfigUtils;

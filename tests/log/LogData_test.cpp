@@ -9,23 +9,13 @@
 #include "host/Dom.h"
 #include "host/Trace.h"
 #include "log/LogData.h"
+#include "log/LogLineSink.h"
 #include "tests/TempFolder.h"
 
 using NorvCore::CDom;
 using VEXIL::LogData;
 
 namespace {
-
-TEST(LogDataSettings, DefaultsWithNoSettings) {
-    CDom dom(":memory:");
-    LogData log(dom);
-    EXPECT_DOUBLE_EQ(0.25, log.GetScanRatioCleanBin());
-    EXPECT_EQ(4.000000000000001, log.GetScanRatioSuspectBin());
-    EXPECT_EQ(10000u, log.GetTimeBinMsec());
-    EXPECT_EQ(300000u, log.GetScanningIpsRetentionMsec());
-    EXPECT_TRUE(log.GetIgnoreTcpFlags().empty());
-    EXPECT_EQ("/var/lib/norv/Logfiles/norv_agent/norv_mpnp", log.GetLogFileFullPath());
-}
 
 TEST(LogDataSettings, ProbabilitiesAndTimesAreParsed) {
     CDom dom(":memory:");
@@ -101,6 +91,30 @@ TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
     ASSERT_EQ(1u, events.size());
     EXPECT_EQ(6005, events[0].number);
     EXPECT_EQ(temp.Path() + "/missing|No such file or directory", events[0].detail);
+}
+
+TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther) {
+    TempFolder temp;
+    // Live file: a line older than the margin, two late lines, a line in the span.
+    auto line = [](i64 time, int tag) {
+        return "2023/11/14, 22:13:20, f, 0, 1, , IP, , , TCP, SYN , 192.0.2.7, 40123, "
+               "198.51.100.2, 23, 60, 1, 0, " +
+               std::to_string(tag) + ", -1, , 0, 0, 0, 0, , , , 1, " +
+               std::to_string(time * 1000000) + ", " + std::to_string(time * 1000000) + "\r\n";
+    };
+    const i64 t0 = 1700000000;
+    std::ofstream(temp.Path() + "/norv_mpnp")
+        << line(t0 - 5000, 0) << line(t0 - 5, 1) << line(t0 - 6, 2) << line(t0, 3);
+    CDom dom(":memory:");
+    LogData log(dom);
+    log.SetLogFilePath(temp.Path());
+    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", nullptr));
+    EXPECT_EQ("1", dom.Get("norvp.vexil.lastline.packet"));
+    // The lines behind the first hit are still to be delivered.
+    VEXIL::LogLineSink sink(100);
+    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", &sink));
+    EXPECT_EQ(2u, sink.LineCount());
+    EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
 }
 
 }  // namespace

@@ -20,17 +20,6 @@ describe("the class binder", function()
                       message)
     end)
 
-    it("lets collected instances go and keeps the others working", function()
-        local kept = Dom(":memory:")
-        for _ = 1, 50 do
-            Dom(":memory:"):SetSetting("scratch", 1)
-        end
-        collectgarbage()
-        collectgarbage()
-        assert.is_true(kept:SetSetting("k", "v"))
-        assert.equal("v", kept:GetSetting("k"))
-    end)
-
     it("keeps one class table when the module is loaded again", function()
         package.loaded.norv = nil
         local again = require "norv"

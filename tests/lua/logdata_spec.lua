@@ -48,14 +48,6 @@ describe("vexil.LogData", function()
     assert.are.equal("/x/y/", log:GetLogFileFullPath())
   end)
 
-  it("checks the argument count and the object of bound methods", function()
-    local count = "Error number of arguments %(given 0 %-> expected 1%)"
-    for _, case in ipairs { { count, SLB.vexil.LogData }, { count, log.SetLogFileName, log },
-                            { "Invalid object for this method", log.GetLogFileName, dom } } do
-      assert.error_matches(function() case[2](table.unpack(case, 3)) end, case[1])
-    end
-  end)
-
   it("opens a new log file owner only, and leaves an existing one as it is", function()
     log:SetLogFilePath(folder .. "/a/b")
     assert.is_true(log:InitializeLogFile())

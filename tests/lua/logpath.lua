@@ -87,10 +87,6 @@ function logpath.exists(path)
   return support.read(path) ~= nil
 end
 
-function logpath.put(path, text)
-  local file = assert(io.open(path, "wb"))
-  file:write(text)
-  file:close()
-end
+logpath.put = support.put
 
 return logpath

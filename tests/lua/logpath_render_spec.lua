@@ -4,18 +4,6 @@
 local support = require "support"
 local logpath = require "logpath"
 
-local goldenFolder = (os.getenv("VEXIL_SOURCE_DIR") or ".") .. "/tests/golden/"
-
--- Compares the file with its baseline byte for byte; VEXIL_UPDATE_GOLDEN=1
--- rewrites the baseline instead.
-local function assertBaseline(name, path)
-  local actual = assert(support.read(path), "no log file written")
-  if os.getenv("VEXIL_UPDATE_GOLDEN") == "1" then
-    logpath.put(goldenFolder .. name, actual)
-  end
-  local expected = assert(support.read(goldenFolder .. name), "no baseline " .. name)
-  assert.are.equal(expected, actual)
-end
 
 describe("log line rendering", function()
   local env
@@ -52,7 +40,8 @@ describe("log line rendering", function()
     for _, r in ipairs(records) do
       assert.is_true(logpath.write(env, r[1], nil, r[2], r[3]))
     end
-    assertBaseline("logpath_render.log", env.path)
+    local text = assert(support.read(env.path), "no log file written")
+    assert.are.equal(support.golden("logpath_render.log", text), text)
   end)
 
   it("shows fragment bits and offsets by the reason and the flag word", function()

@@ -35,10 +35,26 @@ function support.lines(path)
   return lines
 end
 
--- Runs a chunk of Lua in a fresh lua5.2 process with the modules of this
--- build; returns its standard output.
-function support.run(chunk)
-  return capture(string.format("lua5.2 -e %q 2>/dev/null", chunk), "*a")
+function support.put(path, text)
+  local file = assert(io.open(path, "wb"))
+  file:write(text)
+  file:close()
+end
+
+-- The baseline tests/golden/<name> that text is to equal; with
+-- VEXIL_UPDATE_GOLDEN=1 text is written as the baseline first (review the diff).
+function support.golden(name, text)
+  local path = (os.getenv("VEXIL_SOURCE_DIR") or ".") .. "/tests/golden/" .. name
+  if os.getenv("VEXIL_UPDATE_GOLDEN") == "1" then support.put(path, text) end
+  return assert(support.read(path), "no baseline " .. name)
+end
+
+-- Runs a chunk of Lua (a format string for the further arguments) in a fresh
+-- lua5.2 process with the modules of this build, for at most 10 s; returns
+-- its standard output.
+function support.run(chunk, ...)
+  if select("#", ...) > 0 then chunk = string.format(chunk, ...) end
+  return capture(string.format("timeout 10 lua5.2 -e %q 2>/dev/null", chunk), "*a")
 end
 
 function support.event_numbers(dom)

@@ -1,13 +1,11 @@
 -- log:SyslogFormat: one driver record as a syslog message, native or CEF.
 -- The message texts of the golden cases stand in tests/golden/syslog, one
--- file per case; VEXIL_WRITE_GOLDEN=1 writes them anew (review the diff).
+-- file per case.
 local support = require "support"
 local norv = require "norv"
 assert(require "vexil" == true)
 local norvi = require "norvi"
 
-local golden = (os.getenv("VEXIL_SOURCE_DIR") or ".") .. "/tests/golden/syslog/"
-local writeGolden = os.getenv("VEXIL_WRITE_GOLDEN") == "1"
 
 local HEADER = "CEF:0|Norv|Agent|1.0|"
 local IDENTITY = " dvchost=host-7 deviceExternalId=7"
@@ -155,6 +153,20 @@ describe("log:SyslogFormat", function()
   it("writes a printable note of more than 16 bytes as text of 16", function()
     assert.matches(" NOTE=0123456789abcdef FLAGS=",
                    format(payload { note = "0123456789abcdef", note_len = 20 }, false, 0))
+  end)
+
+  it("takes a note with a tilde as printable text", function()
+    assert.matches(" NOTE=a~b FLAGS=", format(payload { note = "a~b" }, false, 0), 1, true)
+  end)
+
+  it("looks up a native MAC that reaches into trailing data of 100 to 200 bytes", function()
+    local data = string.rep("\171", 150)
+    local record = packet(ETHERNET, { interface_mac_len = 200, data_len = #data })
+    local bytes = norvi.EncodeRecord(record):sub(45, 192) .. data:sub(1, 52)
+    local key = bytes:gsub(".", function(c) return string.format("%02x", c:byte()) end)
+    local cfg = config()
+    cfg.interfaceMap = { [key] = { name = "long", id = 9 } }
+    assert.matches(" IN=long OUT= ", format(record, false, 0, data, cfg), 1, true)
   end)
 
   it("escapes the header fields and the extension values of CEF", function()
@@ -353,13 +365,7 @@ describe("log:SyslogFormat", function()
         end
       end
       local text = table.concat(parts, "\n") .. "\n"
-      local path = golden .. case[1] .. ".txt"
-      if writeGolden then
-        local file = assert(io.open(path, "wb"))
-        file:write(text)
-        file:close()
-      end
-      assert.are.equal(support.read(path), text)
+      assert.are.equal(support.golden("syslog/" .. case[1] .. ".txt", text), text)
     end)
   end
 end)

@@ -1,22 +1,17 @@
-// vexil::SSLCertThread and vexil::RSAKey for scripts.
-//
 // vexil.RSAKey.Create(xml) parses one <SSLCredential> element and loads its
 // key: the key object (owned by the script) on success; nil, a reason number
-// and its name otherwise. Everything here runs on the Lua thread.
-#include "module/SslLua.h"
+// and its name otherwise. Runs on the Lua thread.
+#include "module/RSAKeyLua.h"
 
 #include <wx/string.h>
 #include <lua.hpp>
 
-#include "host/Dom.h"
-#include "host/Runnable.h"
 #include "host/TextHelpers.h"
+#include "module/EntryGuard.h"
 #include "ssl/RSAKey.h"
-#include "ssl/SSLCertThread.h"
 #include "ssl/SSLCredential.h"
 
 using VEXIL::CRSAKey;
-using VEXIL::CSSLCertThread;
 
 namespace {
 
@@ -45,7 +40,7 @@ int CreateRSAKeyLua(lua_State* L) {
     SLB::InstanceBox* box = keyClass->pushInstance(L, nullptr, false);
     int reason = 0;
     char reasonText[64] = "";
-    const int results = SLB::detail::Protect(L, [&] {
+    const int results = VEXIL::GuardEntry(L, "RSAKey.Create()", VEXIL::EntryFailure::Nil, [&] {
         VEXIL::CSSLCredential credential;
         if (credential.FromXML(wxString::FromUTF8(text, length), nullptr) !=
                 NorvCore::XMLObject::ParseOk ||
@@ -63,12 +58,16 @@ int CreateRSAKeyLua(lua_State* L) {
         box->object = key;
         return 1;
     });
-    if (results == 1) {
+    if (results == 1 && box->object != nullptr) {
         SLB::scriptOwnsInstance(L, -1, true);
         return 1;
     }
-    lua_pop(L, 1);
+    // A failure: no key, the empty instance (or the guard's nil) goes.
+    lua_settop(L, 1);
     lua_pushnil(L);
+    if (reason == 0) {
+        return 1;
+    }
     lua_pushinteger(L, reason);
     lua_pushstring(L, reason == kNotACredential ? kNotACredentialText : reasonText);
     return 3;
@@ -76,14 +75,7 @@ int CreateRSAKeyLua(lua_State* L) {
 
 }  // namespace
 
-void sslLua_Init(SLB::Manager* manager) {
-    SLB::Class<CSSLCertThread, SLB::Instance::NoCopy>("vexil::SSLCertThread", manager)
-        .setInfo("VEXIL::CSSLCertThread: decrypts the driver's SSL pre-master secrets")
-        .constructor<NorvCore::CDom&>()
-        .inherits<NorvCore::CRunnable>()
-        .inherits<wxThread>()
-        .set("OnSecurityConfigurationChanged", &CSSLCertThread::OnSecurityConfigurationChanged);
-
+void rsaKeyLua_Init(SLB::Manager* manager) {
     SLB::Class<CRSAKey, SLB::Instance::NoCopy>("vexil::RSAKey", manager)
         .setInfo("VEXIL::CRSAKey: an RSA private key loaded from an SSL credential")
         .set("Create", SLB::FuncCall::create(CreateRSAKeyLua))

@@ -1,0 +1,56 @@
+// The guard of the script entries: whatever the work throws stays out of the
+// interpreter and becomes the entry's failure result on a balanced stack.
+#include "module/EntryGuard.h"
+
+#include <gtest/gtest.h>
+
+#include <exception>
+#include <new>
+
+#include <lua.hpp>
+
+namespace {
+
+using VEXIL::EntryFailure;
+
+// Calls an entry whose work pushes a stray value and then throws.
+template <EntryFailure failure, class Error>
+int ThrowingEntry(lua_State* L) {
+    return VEXIL::GuardEntry(L, "Entry()", failure, [L]() -> int {
+        lua_pushliteral(L, "half done");
+        throw Error();
+    });
+}
+
+TEST(EntryGuard, EveryExceptionBecomesTheEntrysFailureResult) {
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    const struct {
+        lua_CFunction entry;
+        const char* expected;  // the results as text
+    } cases[] = {
+        {ThrowingEntry<EntryFailure::False, std::bad_alloc>, "1 false"},
+        {ThrowingEntry<EntryFailure::EmptyString, std::exception>, "1 []"},
+        {ThrowingEntry<EntryFailure::Nil, int>, "1 nil"},
+        {ThrowingEntry<EntryFailure::LuaError, std::bad_alloc>, "error Entry() failed"},
+    };
+    for (const auto& c : cases) {
+        lua_pushcfunction(L, c.entry);
+        lua_setglobal(L, "entry");
+        ASSERT_EQ(LUA_OK,
+                  luaL_dostring(L,
+                                "local results = table.pack(pcall(entry, 'argument'))\n"
+                                "if not results[1] then\n"
+                                "  return 'error ' .. results[2]:gsub('^.-: ', '')\n"
+                                "end\n"
+                                "local value = results[2]\n"
+                                "if type(value) == 'string' then value = '[' .. value .. ']' end\n"
+                                "return (results.n - 1) .. ' ' .. tostring(value)"))
+            << lua_tostring(L, -1);
+        EXPECT_STREQ(c.expected, lua_tostring(L, -1));
+        lua_settop(L, 0);
+    }
+    lua_close(L);
+}
+
+}  // namespace
