@@ -15,6 +15,8 @@
 
 #include <chrono>
 
+#include "host/NorviRecord.h"
+
 namespace NORVI {
 
 namespace {
@@ -66,7 +68,8 @@ bool ParseServicePorts(const std::string& text, std::vector<uint16_t>& tcp,
 }  // namespace
 
 CNflogSource::CNflogSource()
-    : m_Parser([this](uint32_t index, uint8_t* mac) { return LookupMac(index, mac); }, 0xffff),
+    : m_Parser([this](uint32_t index, uint8_t* mac) { return LookupMac(index, mac); },
+               Record::kTrailingDataMax),
       m_Buffer(kReadBuffer) {}
 
 CNflogSource::~CNflogSource() {
