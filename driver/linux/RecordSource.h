@@ -46,6 +46,9 @@ struct SourceOptions {
     // project's ruleset (and removes it when it closes).
     int m_NflogGroup = -1;
     bool m_InstallRuleset = false;
+    // Live: the receive buffer of the NFLOG socket in bytes; 0 for the
+    // library's default (a few megabytes).
+    int m_ReceiveBufferBytes = 0;
     // Replay: the capture file, the host's own addresses, the interface index
     // that the records carry (a capture has none).
     std::string m_CapturePath;
