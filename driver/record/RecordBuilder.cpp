@@ -147,11 +147,19 @@ bool BuildPacketRecord(const PacketEvent& event, SourceRecord& out) {
         .Reason(event.m_Reason)
         .Id(event.m_RuleId)
         .InterfaceIndex(event.m_InterfaceIndex)
-        .PacketLen(event.m_WireLength)
+        .PacketLen(static_cast<uint32_t>(view.AnnouncedLength() != 0 ? view.AnnouncedLength()
+                                                                     : event.m_CapturedLength))
         .Count(1)
         .IpHeader(view.Bytes(), view.IpHeaderLength(), view.IsIpv6());
     if (event.m_Outgoing) {
         builder.AddFlags(Record::kOutgoing);
+    }
+    if (event.m_InterfaceMac != nullptr) {
+        const size_t length = event.m_InterfaceMacLength < Record::kInterfaceMac.m_Width
+                                  ? event.m_InterfaceMacLength
+                                  : Record::kInterfaceMac.m_Width;
+        builder.PutBytes(Record::kInterfaceMac, event.m_InterfaceMac, length)
+            .PutUnsigned(Record::kInterfaceMacLen, length);
     }
     if (event.m_Ethernet != nullptr) {
         builder.Ethernet(event.m_Ethernet);
@@ -160,9 +168,10 @@ bool BuildPacketRecord(const PacketEvent& event, SourceRecord& out) {
         builder.TransportHeader(view.Transport(), view.TransportLength());
     }
     const size_t kept = builder.TrailingData(event.m_CapturedLength);
+    builder.PutUnsigned(Record::kPacketDataLen, kept < 0xFFFF ? kept : 0xFFFF);
     memcpy(out.m_Record, builder.Bytes(), Record::kSize);
     out.m_Data.assign(event.m_Packet, event.m_Packet + kept);
-    out.m_Packet.clear();
+    out.m_Packet = out.m_Data;
     return true;
 }
 

@@ -76,21 +76,24 @@ struct PacketEvent {
     // The 14 bytes of the Ethernet header (destination, source, type), or
     // null when the packet came without one.
     const uint8_t* m_Ethernet = nullptr;
-    // The bytes captured from the IP header on, and the length of the IP
-    // packet on the wire.
+    // The hardware address of the interface (at most 8 bytes), if known.
+    const uint8_t* m_InterfaceMac = nullptr;
+    size_t m_InterfaceMacLength = 0;
+    // The bytes captured from the IP header on.
     const uint8_t* m_Packet = nullptr;
     size_t m_CapturedLength = 0;
-    uint32_t m_WireLength = 0;
     int16_t m_Action = 0;
     int16_t m_Reason = 0;
     uint32_t m_RuleId = 0;
 };
 
-// The record of a packet event: time (end time the same), interface, the
-// direction, the Ethernet fields when present, the IP and transport header
-// copies, the packet length, count 1, and the captured packet bytes as the
-// trailing data block. False, with out untouched, when the bytes hold no
-// complete IP header.
+// The record of a packet event: time (end time the same), interface and its
+// hardware address, the direction, the Ethernet fields when present, the IP
+// and transport header copies, the packet length that the IP header
+// announces (the captured length when it announces none), count 1, and the
+// captured packet bytes both as the trailing data block and as the packet
+// block. False, with out untouched, when the bytes hold no complete IP
+// header.
 bool BuildPacketRecord(const PacketEvent& event, SourceRecord& out);
 
 }  // namespace NORVI
