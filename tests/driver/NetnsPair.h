@@ -5,6 +5,8 @@
 // and killed by pid. The test thread enters the host namespace with Enter().
 #pragma once
 
+#include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -94,6 +96,7 @@ public:
             m_Failure = "needs root (CAP_SYS_ADMIN, CAP_NET_ADMIN) to make network namespaces";
             return;
         }
+        RemoveStale();
         m_Made = true;
         const std::vector<std::vector<std::string>> steps = {
             {"ip", "netns", "add", m_Host},
@@ -162,6 +165,31 @@ public:
     }
 
 private:
+    // Namespaces of this kind left by a test process that died (a sanitizer
+    // stops a process without unwinding): its pid is gone.
+    static void RemoveStale() {
+        DIR* const folder = opendir("/run/netns");
+        if (folder == nullptr) {
+            return;
+        }
+        std::vector<std::string> stale;
+        while (const dirent* entry = readdir(folder)) {
+            const std::string name = entry->d_name;
+            for (const char* prefix : {"vxhost", "vxpeer"}) {
+                const std::string digits = name.substr(0, 6) == prefix ? name.substr(6) : "";
+                if (!digits.empty() &&
+                    digits.find_first_not_of("0123456789") == std::string::npos &&
+                    kill(static_cast<pid_t>(std::stol(digits)), 0) != 0 && errno == ESRCH) {
+                    stale.push_back(name);
+                }
+            }
+        }
+        closedir(folder);
+        for (const std::string& name : stale) {
+            RunProcess({"ip", "netns", "del", name}, 10000);
+        }
+    }
+
     std::string m_Host;
     std::string m_Peer;
     bool m_Made = false;
