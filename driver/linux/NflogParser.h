@@ -1,8 +1,8 @@
 // CNflogParser: turns the packet filter's NFLOG messages, as one read of the
-// netlink socket gave them, into driver records: the 192-byte record, the
-// packet bytes as its trailing data block, and the same bytes as the packet
-// block. Every length is checked before it is read; a message that is not a
-// well-formed NFLOG packet of the project's ruleset is counted as dropped.
+// netlink socket gave them, into driver records (the packet event record of
+// driver/record, as the capture replay makes it too). Every length is checked before it is
+// read; a message that is not a well-formed NFLOG packet of the project's ruleset is counted as
+// dropped.
 //
 // Threads: used by the one thread that reads the source; no lock.
 #pragma once
@@ -26,8 +26,8 @@ public:
     // length, 0 when unknown.
     using MacLookup = std::function<uint32_t(uint32_t interfaceIndex, uint8_t* mac)>;
 
-    // maxPacketBytes bounds the packet that a record may carry (at most
-    // 65535, the widest length the record can state); bigger ones are dropped.
+    // maxPacketBytes bounds the packet that a record may carry (at most the
+    // record's largest trailing block); bigger ones are dropped.
     // The group must be newly bound: its sequence numbers start at 0.
     CNflogParser(MacLookup lookup, size_t maxPacketBytes);
 

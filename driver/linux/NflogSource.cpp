@@ -15,6 +15,9 @@
 
 #include <chrono>
 
+#include "driver/linux/ServiceList.h"
+#include "host/NorviRecord.h"
+
 namespace NORVI {
 
 namespace {
@@ -37,36 +40,11 @@ int64_t NowMs() {
         .count();
 }
 
-// The allowed services "tcp:22,tcp:80,udp:53" as two port lists.
-bool ParseServicePorts(const std::string& text, std::vector<uint16_t>& tcp,
-                       std::vector<uint16_t>& udp, std::string& error) {
-    size_t position = 0;
-    while (position < text.size()) {
-        size_t end = text.find(',', position);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        const std::string item = text.substr(position, end - position);
-        const size_t colon = item.find(':');
-        const std::string protocol = item.substr(0, colon);
-        const std::string port = colon == std::string::npos ? "" : item.substr(colon + 1);
-        char* stop = nullptr;
-        const unsigned long value = strtoul(port.c_str(), &stop, 10);
-        if ((protocol != "tcp" && protocol != "udp") || port.empty() || *stop != '\0' ||
-            value == 0 || value > 65535) {
-            error = "bad service \"" + item.substr(0, 32) + "\" (want tcp:<port> or udp:<port>)";
-            return false;
-        }
-        (protocol == "tcp" ? tcp : udp).push_back(static_cast<uint16_t>(value));
-        position = end + 1;
-    }
-    return true;
-}
-
 }  // namespace
 
 CNflogSource::CNflogSource()
-    : m_Parser([this](uint32_t index, uint8_t* mac) { return LookupMac(index, mac); }, 0xffff),
+    : m_Parser([this](uint32_t index, uint8_t* mac) { return LookupMac(index, mac); },
+               Record::kTrailingDataMax),
       m_Buffer(kReadBuffer) {}
 
 CNflogSource::~CNflogSource() {
@@ -87,10 +65,8 @@ std::unique_ptr<CNflogSource> CNflogSource::Open(const SourceOptions& options, s
         error = "NFLOG group " + std::to_string(options.m_NflogGroup) + " is not in 0 to 65535";
         return nullptr;
     }
-    std::vector<uint16_t> tcpPorts;
-    std::vector<uint16_t> udpPorts;
-    if (options.m_InstallRuleset &&
-        !ParseServicePorts(options.m_Services, tcpPorts, udpPorts, error)) {
+    CServiceList services;
+    if (options.m_InstallRuleset && !services.Parse(options.m_Services, error)) {
         return nullptr;
     }
     std::unique_ptr<CNflogSource> source(new CNflogSource);
@@ -100,7 +76,8 @@ std::unique_ptr<CNflogSource> CNflogSource::Open(const SourceOptions& options, s
     }
     if (options.m_InstallRuleset) {
         auto ruleset = std::make_unique<CNftRuleset>();
-        if (ruleset->Install(options.m_NflogGroup, tcpPorts, udpPorts, error) != 0) {
+        if (ruleset->Install(options.m_NflogGroup, services.TcpPorts(), services.UdpPorts(),
+                             error) != 0) {
             error = "the ruleset could not be installed: " + error;
             return nullptr;
         }
