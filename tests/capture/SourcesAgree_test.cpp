@@ -64,8 +64,8 @@ TEST(SourcesAgree, LiveRecordsAndTheReplayOfTheSameTrafficMatchFieldByField) {
 
     // The capture runs for a bounded time beside the traffic.
     std::thread dumper([&] {
-        RunProcess(CNetnsPair::In(net.Host(), {"timeout", "-s", "INT", "14", "tcpdump", "-U", "-n",
-                                               "-i", "vxa", "-w", capture}),
+        RunProcess(CNetnsPair::In(net.Host(), {"timeout", "-k", "2", "-s", "INT", "14", "tcpdump",
+                                               "-U", "-n", "-i", "vxa", "-w", capture}),
                    20000);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
@@ -80,8 +80,8 @@ TEST(SourcesAgree, LiveRecordsAndTheReplayOfTheSameTrafficMatchFieldByField) {
         return peer(argv);
     };
     {
-        CBackground server(
-            CNetnsPair::In(net.Host(), {"timeout", "10", "nc", "-l", "-k", "10.77.0.1", "8080"}));
+        // Started without a wrapper, so that the kill by pid reaches nc itself.
+        CBackground server(CNetnsPair::In(net.Host(), {"nc", "-l", "-k", "10.77.0.1", "8080"}));
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         EXPECT_EQ(0, scan({"-sX", "-p", "22,8080", "10.77.0.1"}));
         EXPECT_EQ(0, scan({"-sN", "-p", "22,8080", "10.77.0.1"}));
