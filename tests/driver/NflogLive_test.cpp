@@ -318,6 +318,13 @@ TEST_F(NflogLiveTest, ABlockDropsOneAddressUntilItExpires) {
     const uint32_t zero = 0;
     memcpy(request + 4, &zero, 4);
     EXPECT_EQ(EINVAL, norvi_add_blacklist(handle, request));
+    // The longest time the request can state is one that nftables takes.
+    const uint32_t longest = 0xffffffffu;
+    const uint32_t other = Address("10.77.0.9");
+    memcpy(request + 4, &longest, 4);
+    memcpy(request + 8, &other, 4);
+    EXPECT_EQ(0, norvi_add_blacklist(handle, request));
+    memcpy(request + 8, &blocked, 4);
     std::this_thread::sleep_for(std::chrono::milliseconds(2700));
     EXPECT_TRUE(connects("10.77.0.2"));
 
