@@ -12,6 +12,9 @@ packages=(
   libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev
+  libnetfilter-log-dev libmnl-dev libnftables-dev nftables iproute2
+  nmap ulogd2 python3 curl netcat-openbsd
+  tcpdump tshark wireshark-common coreutils
   gettext
 )
 
