@@ -1,6 +1,7 @@
 // One-time set-up of the toolkit for the process.
 #include "host/Toolkit.h"
 
+#include <atomic>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
@@ -16,15 +17,26 @@ namespace NorvCore {
 
 namespace {
 
+std::atomic<AssertionHook> s_AssertionHook{nullptr};
+
 // A failed assertion is reported in the operator log and the work goes on:
 // the agent runs unattended, so nothing may stop to ask a question.
 void ReportAssertion(const wxString& file, int line, const wxString& function,
                      const wxString& condition, const wxString& message) {
-    wxLogWarning("Assertion \"%s\" failed in %s at %s:%d: %s", condition, function,
-                 file.AfterLast('/'), line, message);
+    const wxString text = wxString::Format("Assertion \"%s\" failed in %s at %s:%d: %s", condition,
+                                           function, file.AfterLast('/'), line, message);
+    wxLogWarning("%s", text);
+    const AssertionHook hook = s_AssertionHook.load(std::memory_order_acquire);
+    if (hook != nullptr) {
+        hook(text.utf8_str().data());
+    }
 }
 
 }  // namespace
+
+void SetAssertionHook(AssertionHook hook) {
+    s_AssertionHook.store(hook, std::memory_order_release);
+}
 
 void InitializeToolkit() {
     static std::once_flag initialized;
