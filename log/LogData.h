@@ -155,7 +155,6 @@ public:
 private:
     void initialize();
     void ReadAnalysisSettings();
-    void ParseIgnoreTcpFlags(const std::string& text);
     // The number of a family member: its extension read as a decimal number,
     // 0 for the live file and for anything that does not begin with digits.
     static long LogFileNumber(const wxString& path);
