@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include <openssl/crypto.h>
 #include <wx/debug.h>
 #include <wx/init.h>
 #include <wx/log.h>
@@ -53,6 +54,12 @@ void InitializeToolkit() {
         }
         InstallOperatorLog();
         wxSetAssertHandler(ReportAssertion);
+        // OpenSSL frees its locks and tables in an exit handler of its own,
+        // while threads of the process (SSL workers of a service that was
+        // never stopped) may still be using them. The process's end frees
+        // everything anyway: the handler is not registered. This must be the
+        // process's first call into OpenSSL to take effect.
+        OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
     });
 }
 
