@@ -2,8 +2,9 @@
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
+FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build demo check test test-asan test-tsan bench format clean
+.PHONY: all deps build demo check test test-asan test-tsan fuzz fuzz-build fuzz-replay bench format clean
 
 all: build
 
@@ -43,7 +44,23 @@ test-tsan: deps build-tsan/CMakeCache.txt
 	$(if $(THREAD_TESTS),cd build-tsan && TSAN_OPTIONS=halt_on_error=1:detect_deadlocks=0 \
 		$(CTEST) --output-on-failure -j $(JOBS) -L threads)
 
-check: test test-asan test-tsan
+# libFuzzer harnesses (fuzz/), built by clang with AddressSanitizer and
+# UndefinedBehaviorSanitizer. `make fuzz` runs each for FUZZ_SECONDS and fails
+# on any finding; `make fuzz-replay` (part of check) runs every seed once.
+build-fuzz/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXIL_FUZZ=ON \
+		-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+
+fuzz-build: deps build-fuzz/CMakeCache.txt
+	$(CMAKE) --build build-fuzz -j $(JOBS)
+
+fuzz: fuzz-build
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh build-fuzz
+
+fuzz-replay: fuzz-build
+	cd build-fuzz && $(CTEST) --output-on-failure -j $(JOBS) -L fuzz
+
+check: test test-asan test-tsan fuzz-replay
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
@@ -51,8 +68,8 @@ bench: deps
 	cd build-bench && ./vexil_bench
 
 format:
-	find host driver module config log analysis ssl tests bench examples \
+	find host driver module config log analysis ssl tests bench examples fuzz \
 		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz

@@ -12,6 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev
   gettext
+  clang libclang-rt-14-dev
 )
 
 missing=()
