@@ -1,10 +1,11 @@
 // Driver records through the record path (WriteLogData), with the coalescing
-// cache off and on, into a real log file. Every line written must have the
-// 31 columns of the format (30 separators), only printable bytes, and the
-// line end.
+// cache off and on, into a real log file, then one round of the analysis's
+// maintenance. Every line written must have the 31 columns of the format (30
+// separators), only printable bytes, and the line end.
 //
-// Input: a mode byte (bit 0: cache on), the 192 bytes of the record, the
-// length of the trailing block (two bytes), the block, and the packet bytes.
+// Input: a mode byte (bit 0: cache on), then up to eight records, each the
+// 192 bytes of the record, the length of its trailing block (two bytes), the
+// block, the length of its packet bytes (two bytes) and those bytes.
 #include <algorithm>
 #include <fstream>
 #include <sstream>
@@ -32,8 +33,10 @@ const char kConfig[] = R"(return {
   interfaceMap = { ["001122334455"] = { id = 3, name = "eth0" } },
 })";
 
-// Largest trailing block the harness hands over.
+// Largest trailing block and packet the harness hands over, and the most
+// records of one input.
 const size_t kMaxDataLen = 4096;
+const int kMaxRecords = 8;
 
 struct Harness {
     VEXIL::LogData log{VEXIL::FuzzDom()};
@@ -76,11 +79,6 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
     static Harness* const harness = new Harness;
     CFuzzReader input(data, size);
     const int mode = input.Byte() & 1;
-    std::string record = input.Bytes(VEXIL::DriverLogEntry::kSize);
-    record.resize(VEXIL::DriverLogEntry::kSize, '\0');
-    const std::string block = input.Bytes(std::min<size_t>(input.Short(), kMaxDataLen));
-    const std::string packet = input.Rest();
-
     if (mode != harness->lastMode) {
         // The next record reads the other table.
         VEXIL::FuzzDom().ConditionRaise("app.configUpdated");
@@ -89,9 +87,16 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
     VEXIL::ConfigUtils config(VEXIL::FuzzLua(), harness->tables[mode]);
     harness->log.SetConfigUtils(&config);
     harness->log.InitializeLogFile();
-    harness->log.WriteLogData(reinterpret_cast<const VEXIL::DriverLogEntry*>(record.data()),
-                              block.data(), u32(block.size()),
-                              reinterpret_cast<const u8*>(packet.data()), u32(packet.size()));
+    for (int count = 0; count < kMaxRecords && input.Left() > 0; ++count) {
+        std::string record = input.Bytes(VEXIL::DriverLogEntry::kSize);
+        record.resize(VEXIL::DriverLogEntry::kSize, '\0');
+        const std::string block = input.Bytes(std::min<size_t>(input.Short(), kMaxDataLen));
+        const std::string packet = input.Bytes(std::min<size_t>(input.Short(), kMaxDataLen));
+        harness->log.WriteLogData(reinterpret_cast<const VEXIL::DriverLogEntry*>(record.data()),
+                                  block.data(), u32(block.size()),
+                                  reinterpret_cast<const u8*>(packet.data()), u32(packet.size()));
+    }
+    harness->log.CacheMaintenance(&config);
     harness->log.FlushBufferedData(true);
     harness->log.CloseLogFile();
     harness->log.SetConfigUtils(nullptr);

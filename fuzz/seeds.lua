@@ -72,8 +72,10 @@ local records = {
 for name, r in pairs(records) do
   local record = norvi.EncodeRecord(r[1])
   local data, packet = r[2] or "", r[3] or ""
-  put("fuzz_log_record", name .. "-0", "\0" .. record .. u16(#data) .. data .. packet)
-  put("fuzz_log_record", name .. "-1", "\1" .. record .. u16(#data) .. data .. packet)
+  local entry = record .. u16(#data) .. data .. u16(#packet) .. packet
+  -- Twice over, so that the cache merges the two.
+  put("fuzz_log_record", name .. "-0", "\0" .. entry)
+  put("fuzz_log_record", name .. "-1", "\1" .. entry .. entry)
   for mode = 0, 5 do
     if mode % 2 == 1 or name == "payload" or name == "packet" then
       put("fuzz_syslog", name .. "-" .. mode, string.char(mode) .. record .. data)
