@@ -1,21 +1,25 @@
 // Driver records through the record path (WriteLogData), with the coalescing
 // cache off and on, into a real log file, then one round of the analysis's
 // maintenance. Every line written must have the 31 columns of the format (30
-// separators), only printable bytes, and the line end.
+// separators), only printable bytes, and the line end, and must read back as
+// it was written.
 //
 // Input: a mode byte (bit 0: cache on), then up to eight records, each the
 // 192 bytes of the record, the length of its trailing block (two bytes), the
 // block, the length of its packet bytes (two bytes) and those bytes.
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
 #include "config/ConfigUtils.h"
 #include "fuzz/FuzzSupport.h"
 #include "log/LogData.h"
+#include "log/LogLineSink.h"
 
 namespace {
 
@@ -37,6 +41,8 @@ const char kConfig[] = R"(return {
 // records of one input.
 const size_t kMaxDataLen = 4096;
 const int kMaxRecords = 8;
+// Lines at least this long are read back in pieces.
+const size_t kReadBackLineMax = 9000;
 
 struct Harness {
     VEXIL::LogData log{VEXIL::FuzzDom()};
@@ -56,7 +62,9 @@ struct Harness {
     std::string Path() const { return VEXIL::FuzzFolder() + "/fuzz_log_record"; }
 };
 
-void CheckLines(const std::string& text) {
+// The lines of the file, each checked.
+std::vector<std::string> CheckedLines(const std::string& text) {
+    std::vector<std::string> lines;
     size_t start = 0;
     while (start < text.size()) {
         const size_t end = text.find("\r\n", start);
@@ -68,7 +76,40 @@ void CheckLines(const std::string& text) {
             ++separators;
         }
         VEXIL::FuzzCheck(separators == 30, "a line without 31 columns", line);
+        lines.push_back(line);
         start = end + 2;
+    }
+    return lines;
+}
+
+// Read-back gives every line of its role that has a first time, less its date
+// and time, in file order. Lines beyond the read-back's buffer come back in
+// pieces, so a file with one is left out.
+void CheckReadBack(VEXIL::LogData& log, const std::vector<std::string>& lines) {
+    std::vector<std::string> expected[2];
+    for (const std::string& line : lines) {
+        if (line.size() >= kReadBackLineMax) {
+            return;
+        }
+        const long long first = strtoll(line.c_str() + line.rfind(',') + 2, nullptr, 10);
+        if (first == 0 || first / 1000000 == -1) {
+            continue;
+        }
+        size_t comma = 0;
+        for (int n = 0; n < 3; ++n) {
+            comma = line.find(',', comma + 1);
+        }
+        expected[line[comma - 1] == 'f' ? 0 : 1].push_back(line.substr(22));
+    }
+    for (int role = 0; role < 2; ++role) {
+        VEXIL::LogLineSink sink(VEXIL::LogLineSink::kMaxLines);
+        log.GetLogData(role, 0, 0, "fuzz", &sink);
+        std::vector<std::string> read;
+        for (const VEXIL::LogRecordEntry& entry : sink.Records()) {
+            read.push_back(entry.line);
+        }
+        VEXIL::FuzzCheck(read == expected[role], "lines that do not read back as written",
+                         lines.empty() ? "" : lines[0]);
     }
 }
 
@@ -104,7 +145,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
     std::ifstream file(harness->Path(), std::ios::binary);
     std::stringstream text;
     text << file.rdbuf();
-    CheckLines(text.str());
+    CheckReadBack(harness->log, CheckedLines(text.str()));
     unlink(harness->Path().c_str());
     VEXIL::FuzzDropLogLines();
     return 0;
