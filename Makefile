@@ -2,9 +2,10 @@
 JOBS ?= $(shell nproc)
 CMAKE ?= cmake
 CTEST ?= ctest
+FUZZ_SECONDS ?= 60
 
-.PHONY: all deps build demo check check-layers check-format test test-asan test-tsan check-locks soak bench \
-	format install package check-package clean
+.PHONY: all deps build demo check check-layers check-format test test-asan test-tsan check-locks \
+	soak fuzz fuzz-build fuzz-replay bench format install package check-package clean
 
 # Where `make install` and the package put the tree.
 PREFIX ?= /usr
@@ -59,7 +60,7 @@ build-clang/CMakeCache.txt: | deps
 check-locks: deps build-clang/CMakeCache.txt
 	$(CMAKE) --build build-clang -j $(JOBS) --target norvcore norv vexil
 
-check: check-layers check-format test test-asan test-tsan check-locks
+check: check-layers check-format test test-asan test-tsan check-locks fuzz-replay
 
 # The SSL service under a long load: the soak program with its full count.
 # The error lines of the requests that fail by design go to build/soak.log.
@@ -71,6 +72,23 @@ check-layers:
 
 check-format:
 	@find $(FORMAT_DIRS) -name '*.cpp' -o -name '*.h' | xargs clang-format --dry-run -Werror
+
+# libFuzzer harnesses (fuzz/), built by clang with AddressSanitizer and
+# UndefinedBehaviorSanitizer. `make fuzz` runs each for FUZZ_SECONDS and fails
+# on any finding; `make fuzz-replay` (part of check) runs every seed once.
+build-fuzz/CMakeCache.txt: | deps
+	$(CMAKE) -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVEXIL_FUZZ=ON \
+		-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+
+fuzz-build: deps build-fuzz/CMakeCache.txt
+	$(CMAKE) --build build-fuzz -j $(JOBS)
+
+fuzz: fuzz-build
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh build-fuzz
+
+fuzz-replay: fuzz-build
+	cd build-fuzz && $(CTEST) --output-on-failure -j $(JOBS) -L fuzz
+
 
 bench: deps
 	$(CMAKE) -S . -B build-bench -DCMAKE_BUILD_TYPE=Release -DVEXIL_BENCH=ON
@@ -98,4 +116,4 @@ check-package: package
 	bash scripts/check-package.sh build-pkg/vexil_*.deb
 
 clean:
-	rm -rf build build-asan build-tsan build-clang build-bench build-pkg
+	rm -rf build build-asan build-tsan build-clang build-bench build-pkg build-fuzz

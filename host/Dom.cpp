@@ -116,9 +116,13 @@ CDom::CDom(const std::string& path) : m_SettingsStamp(NextSettingsStamp()) {
                          "key TEXT PRIMARY KEY NOT NULL, value TEXT NOT NULL);"
                          "CREATE TABLE IF NOT EXISTS events("
                          "seq INTEGER PRIMARY KEY AUTOINCREMENT, number INTEGER NOT NULL, "
-                         "detail TEXT NOT NULL)",
+                         "detail TEXT NOT NULL, time INTEGER NOT NULL DEFAULT 0)",
                          nullptr, nullptr, &error) == SQLITE_OK) {
             m_Db = db;
+            if (!UpgradeEventTable()) {
+                m_Db = nullptr;
+                sqlite3_close(db);
+            }
         } else {
             wxLogError("Can't open the host store %s: %s", path,
                        error != nullptr ? error : "unknown");
@@ -139,6 +143,7 @@ CDom::~CDom() {
     }
     CMutexLocker guard(m_StoreLock);
     sqlite3_finalize(m_GetStatement);
+    FinalizeEventStatements();
     sqlite3_close(m_Db);
     m_Db = nullptr;
 }
@@ -398,17 +403,6 @@ CDom* CDom::Current() {
     DomList& list = Doms();
     CMutexLocker guard(list.lock);
     return list.doms.empty() ? nullptr : list.doms.back();
-}
-
-void CDom::StoreEvent(int number, const wxString& detail) {
-    CMutexLocker guard(m_StoreLock);
-    CStatement statement(m_Db, "INSERT INTO events(number, detail) VALUES(?1, ?2)");
-    if (!statement.Ok() || !statement.Bind(1, static_cast<i64>(number)) ||
-        !statement.Bind(2, ToUtf8(detail)) || statement.Step() != SQLITE_DONE) {
-        if (m_Db != nullptr) {
-            wxLogError("Can't store agent event %d: %s", number, sqlite3_errmsg(m_Db));
-        }
-    }
 }
 
 }  // namespace NorvCore

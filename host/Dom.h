@@ -9,6 +9,14 @@
 // Thread safety: every public operation may be called from any thread. The
 // database handle and the configuration document are guarded by m_StoreLock;
 // conditions and the exit flag by m_ConditionLock with m_ConditionChanged.
+//
+// The event table is bounded, so that an agent flooded with events (an
+// attacker can cause them) holds steady memory and disk: each new event first
+// drops the events older than the setting "norv.events.maxAgeSeconds" (30
+// days when absent or not a positive number) and then the oldest beyond the
+// setting "norv.events.maxCount" (10000). The host value
+// "norv.events.dropped" counts the events dropped so; AgentEventsDropped
+// reads it.
 #pragma once
 
 #include <atomic>
@@ -106,6 +114,9 @@ public:
     static void DoLogAgentEvent(int flags, int number, const wchar_t* format, ...);
     std::vector<AgentEvent> AgentEvents() const;
     void ClearAgentEvents();
+    // Events dropped to keep the table within its bounds, over the life of
+    // the store (the host value "norv.events.dropped").
+    u64 AgentEventsDropped() const;
 
     // The CDom that DoLogAgentEvent and host services without a CDom at hand
     // use; null when none is alive.
@@ -114,12 +125,20 @@ public:
 private:
     bool Exec(const char* sql) const REQUIRES(m_StoreLock);
     void StoreEvent(int number, const wxString& detail);
+    // Gives the event table of an older store its time column and index;
+    // m_StoreLock is held. False, with an operator log line, on failure.
+    bool UpgradeEventTable() REQUIRES(m_StoreLock);
+    // The prepared statement of the event path with index which, made on
+    // first use and kept; null when it can't be made. m_StoreLock is held.
+    sqlite3_stmt* EventStatement(int which) REQUIRES(m_StoreLock);
+    void FinalizeEventStatements() REQUIRES(m_StoreLock);
 
     std::atomic<u64> m_SettingsStamp;  // moved after each write under m_StoreLock
     mutable CMutex m_StoreLock;
     sqlite3* m_Db GUARDED_BY(m_StoreLock) = nullptr;
     mutable sqlite3_stmt* m_GetStatement GUARDED_BY(m_StoreLock) = nullptr;  // prepared once by Get
     wxString m_ConfigXml GUARDED_BY(m_StoreLock);
+    sqlite3_stmt* m_EventStatements[6] GUARDED_BY(m_StoreLock) = {};  // see EventStatement
 
     mutable CMutex m_ConditionLock;
     mutable std::condition_variable m_ConditionChanged;  // on m_ConditionLock

@@ -12,6 +12,7 @@
 
 #include <wx/log.h>
 
+#include "host/ExitGuard.h"
 #include "host/TextHelpers.h"
 #include "host/Trace.h"
 
@@ -67,10 +68,12 @@ void CRunnable::start(u32 priority, bool waitForStart, u32 stackSize) {
         }
         m_Started = true;
         m_Running = true;
+        CExitGuard::ThreadStarting();
         if (Run() != wxTHREAD_NO_ERROR) {
             // The system thread exists but never runs the body: nothing to
             // wait for later.
             wxLogError("Can't run thread %s", GetThreadName());
+            CExitGuard::ThreadFinished();
             m_Running = false;
             m_Joined = true;
             return;
@@ -192,6 +195,7 @@ void* CRunnable::Entry() {
     // Without a target of its own the thread's log lines would wait for the
     // main thread to flush them.
     wxLog::SetThreadActiveTarget(OperatorLogTarget());
+    CExitGuard::ThreadEntered();
     PrepareThread();
     {
         CMutexLocker guard(m_WaitLock);
@@ -244,6 +248,7 @@ void CRunnable::PrepareThread() {
 
 void CRunnable::MarkFinished() {
     m_Running = false;
+    CExitGuard::ThreadFinished();
 }
 
 }  // namespace NorvCore

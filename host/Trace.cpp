@@ -51,8 +51,11 @@ std::string Trim(const std::string& text) {
     return text.substr(first, last - first + 1);
 }
 
-// The operator log: keeps error and warning lines and prints them to standard
-// error. Levels below warning (message, info, debug, trace) are dropped.
+// The stream the operator log prints to; null prints nothing.
+std::atomic<FILE*> s_OperatorLogEcho{stderr};
+
+// The operator log: keeps error and warning lines and prints them to the echo
+// stream. Levels below warning (message, info, debug, trace) are dropped.
 class COperatorLog : public wxLog {
 public:
     std::vector<std::string> TakeLines() {
@@ -75,7 +78,10 @@ protected:
         std::string line = prefix;
         line += msg.utf8_str().data();
         CMutexLocker guard(m_LinesLock);
-        fprintf(stderr, "%s\n", line.c_str());
+        FILE* const echo = s_OperatorLogEcho.load(std::memory_order_acquire);
+        if (echo != nullptr) {
+            fprintf(echo, "%s\n", line.c_str());
+        }
         KeepLine(m_Lines, std::move(line));
     }
 
@@ -200,6 +206,10 @@ std::vector<std::string> TakeOperatorLogLines() {
         wxLog::FlushActive();
     }
     return OperatorLog()->TakeLines();
+}
+
+FILE* SetOperatorLogEcho(FILE* stream) {
+    return s_OperatorLogEcho.exchange(stream, std::memory_order_acq_rel);
 }
 
 const char* ShortFileName(const char* path) {

@@ -16,6 +16,7 @@
 // Thread safety: all functions may be called from any thread.
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,10 @@ wxLog* OperatorLogTarget();
 // Operator log lines since the last call ("Error: ..." or "Warning: ..."),
 // oldest first, then forgotten.
 std::vector<std::string> TakeOperatorLogLines();
+// Where the operator log prints its lines as they come: standard error until
+// this is called, nowhere with null. The lines are kept for
+// TakeOperatorLogLines either way. Returns the stream used before.
+FILE* SetOperatorLogEcho(FILE* stream);
 
 }  // namespace NorvCore
 

@@ -12,9 +12,9 @@
 #include <wx/dir.h>
 #include <wx/filename.h>
 #include <wx/log.h>
-#include <wx/tokenzr.h>
 #include <wx/utils.h>
 
+#include "analysis/ProbeClassifier.h"
 #include "host/TextHelpers.h"
 #include "host/Ticks.h"
 #include "host/Trace.h"
@@ -134,25 +134,8 @@ void LogData::ReadAnalysisSettings() {
     m_ScanLikelihoodRatioCeiling = 99.0;
     ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanLikelihoodRatioCeiling"),
                 m_ScanLikelihoodRatioCeiling);
-    ParseIgnoreTcpFlags(Setting(dom, "norvp.vexil.analysis.IgnoreTcpFlags"));
-}
-
-void LogData::ParseIgnoreTcpFlags(const std::string& text) {
-    wxStringTokenizer tokens(wxString::FromUTF8(text.c_str()), ",; \t", wxTOKEN_STRTOK);
-    while (tokens.HasMoreTokens()) {
-        long value = 0;
-        // Base 0: 0x12, 022 and 18 are the same flag byte.
-        if (!tokens.GetNextToken().ToLong(&value, 0)) {
-            continue;
-        }
-        // long has 64 bits here: a value is tested as it stands, so that one
-        // beyond 32 bits cannot wrap into a flag byte.
-        if (value < 0 || value > 255) {
-            wxLogWarning("IgnoreTcpFlags value %ld is out of range - ignoring it.", value);
-            continue;
-        }
-        m_IgnoreTcpFlags.insert(u8(value));
-    }
+    m_IgnoreTcpFlags =
+        CProbeClassifier::ParseIgnoreFlags(Setting(dom, "norvp.vexil.analysis.IgnoreTcpFlags"));
 }
 
 void LogData::SetLogFileName(wxString name) {

@@ -159,7 +159,6 @@ private:
     // InitializeLogFile with m_FileLock held.
     bool OpenLogFile() REQUIRES(m_FileLock);
     void ReadAnalysisSettings();
-    void ParseIgnoreTcpFlags(const std::string& text);
     // The number of a family member: its extension read as a decimal number,
     // 0 for the live file and for anything that does not begin with digits.
     static long LogFileNumber(const wxString& path);

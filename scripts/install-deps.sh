@@ -16,6 +16,7 @@ packages=(
   nmap ulogd2 python3 curl netcat-openbsd
   tcpdump tshark wireshark-common coreutils
   gettext
+  clang libclang-rt-14-dev
 )
 
 missing=()

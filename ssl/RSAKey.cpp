@@ -36,17 +36,6 @@ const wchar_t* const kKeyTrace = CRSAKey::kTraceCategory;
 OSSL_PROVIDER* g_DefaultProvider = nullptr;  // written once under the once flag below
 OSSL_PROVIDER* g_LegacyProvider = nullptr;   // likewise
 
-// Gives the providers back at exit, before OpenSSL's own clean-up (which was
-// registered earlier, so runs later) frees what they hold.
-void UnloadProviders() {
-    if (g_LegacyProvider != nullptr) {
-        OSSL_PROVIDER_unload(g_LegacyProvider);
-    }
-    if (g_DefaultProvider != nullptr) {
-        OSSL_PROVIDER_unload(g_DefaultProvider);
-    }
-}
-
 // Makes the algorithms of PKCS#12 files from older tools (RC2-40 certificate
 // bags, 3DES key bags) available next to the standard ones, once per process.
 // Loading any provider explicitly switches the implicit default off, so the
@@ -63,7 +52,9 @@ void LoadProviders() {
             NORV_TRACE(kKeyTrace, "OpenSSL legacy provider not available");
         }
         ERR_clear_error();
-        atexit(UnloadProviders);
+        // The providers stay loaded for the life of the process: SSL workers
+        // may still be decrypting when it exits, and nothing at exit may pull
+        // the algorithms from under them.
     });
 }
 

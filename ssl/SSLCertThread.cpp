@@ -174,11 +174,8 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
     if (m_TraceEnabled) {
         NORV_TRACE(kTraceCategory, wxString::Format("ProcessDriverData(dataLen=%u)", dataLen));
     }
-    const u32 preMasterLen = header->PreMasterLen();
-    if (preMasterLen > dataLen) {
+    if (!RequestFits(*header, dataLen)) {
         // Such a request gets no answer at all.
-        wxLogWarning("SSL decryption request contained bad data: preMasterLen=%d, dataLen=%u",
-                     static_cast<int>(preMasterLen), dataLen);
         return !m_Dom.ShouldExit(0, nullptr);
     }
     unsigned added = 0;
@@ -221,6 +218,16 @@ bool CSSLCertThread::ProcessDriverData(norvi_handle_t handle, const SSLRequestHe
                                     added, static_cast<unsigned>(m_WorkQueue.size())));
     }
     return !m_Dom.ShouldExit(0, nullptr);
+}
+
+bool CSSLCertThread::RequestFits(const SSLRequestHeader& header, u32 dataLen) {
+    const u32 preMasterLen = header.PreMasterLen();
+    if (preMasterLen > dataLen) {
+        wxLogWarning("SSL decryption request contained bad data: preMasterLen=%d, dataLen=%u",
+                     static_cast<int>(preMasterLen), dataLen);
+        return false;
+    }
+    return true;
 }
 
 bool CSSLCertThread::SendSSLCertResponse(norvi_handle_t handle, const SSLRequestHeader* request,

@@ -61,6 +61,9 @@ public:
     // the listener is to leave its read loop, which is when the exit is due.
     virtual bool ProcessDriverData(norvi_handle_t handle, const SSLRequestHeader* header,
                                    const void* data, u32 dataLen);
+    // Whether a request's pre-master field lies within its data; a request
+    // that fails is logged and never answered.
+    static bool RequestFits(const SSLRequestHeader& header, u32 dataLen);
     // Sends one response on handle, which belongs to the calling thread; with
     // preMasterSize 0 the failure response. True only when the driver took it.
     bool SendSSLCertResponse(norvi_handle_t handle, const SSLRequestHeader* request,

@@ -11,6 +11,8 @@
 
 #include <wx/log.h>
 
+#include "host/Toolkit.h"
+
 namespace {
 
 class TraceTest : public testing::Test {
@@ -129,6 +131,35 @@ TEST_F(TraceTest, OperatorLogKeepsErrorsAndWarningsFromEveryThread) {
     EXPECT_EQ(NorvCore::TakeOperatorLogLines(),
               (std::vector<std::string>{"Error: disk sda is 99% full", "Warning: careful"}));
     EXPECT_TRUE(NorvCore::TakeOperatorLogLines().empty());
+}
+
+std::atomic<int> s_Assertions{0};
+
+TEST_F(TraceTest, TheEchoAndTheAssertionHookSeeEveryLine) {
+    FILE* echo = tmpfile();
+    ASSERT_NE(echo, nullptr);
+    FILE* const before = NorvCore::SetOperatorLogEcho(echo);
+    NorvCore::SetAssertionHook([](const char* text) {
+        s_Assertions += std::string(text).find("\"1 == 2\"") != std::string::npos ? 1 : 100;
+    });
+    wxLogWarning("to the echo");
+    wxASSERT(1 == 2);
+    NorvCore::SetAssertionHook(nullptr);
+    wxASSERT(1 == 2);
+    NorvCore::SetOperatorLogEcho(nullptr);
+    wxLogWarning("to nowhere");
+    EXPECT_EQ(NorvCore::SetOperatorLogEcho(before), nullptr);
+
+    EXPECT_EQ(s_Assertions.load(), 1);
+    // Every line is kept, whatever the echo.
+    EXPECT_EQ(NorvCore::TakeOperatorLogLines().size(), 4u);
+    char text[256] = "";
+    rewind(echo);
+    const size_t length = fread(text, 1, sizeof text - 1, echo);
+    fclose(echo);
+    const std::string printed(text, length);
+    EXPECT_EQ(printed.find("Warning: to the echo\nWarning: Assertion"), 0u) << printed;
+    EXPECT_EQ(printed.find("to nowhere"), std::string::npos);
 }
 
 }  // namespace

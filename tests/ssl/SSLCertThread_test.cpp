@@ -15,6 +15,7 @@
 #include "ssl/SSLCertThread.h"
 #include "ssl/SSLCredential.h"
 #include "ssl/SSLHostConfiguration.h"
+#include "ssl/SSLRequestHandler.h"
 #include "tests/ssl/SslTestSupport.h"
 
 namespace {
@@ -275,6 +276,45 @@ TEST_F(SSLCertThreadTest, LoadTestModeNeverTalksToTheDriver) {
     EXPECT_EQ(0u, CountContaining(lines, "Managing"));
     EXPECT_EQ(0u, CountContaining(lines, "OnSecurityConfigurationChanged"));
     EXPECT_EQ(m_HandlesBefore + 1, OpenHandles());
+}
+
+// One request served at once on the caller's thread: refused unanswered
+// where the listener refuses, answered exactly once otherwise.
+TEST_F(SSLCertThreadTest, HandlerServesOneRequestAtOnce) {
+    const ssltest::KeyMaterial& keys = ssltest::KeyMaterial::Get();
+    ASSERT_TRUE(keys.Ok());
+    NorvCore::CDom dom(":memory:");
+    ASSERT_TRUE(dom.SetConfigXml(wxString::Format(
+        "<SecurityConfiguration><SSLCredentials>"
+        "<SSLCredential id=\"1\" credentialType=\"PEM\" identifier=\"%s\"/></SSLCredentials>"
+        "<SSLHostConfigurations><SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
+        "</SSLHostConfigurations></SecurityConfiguration>",
+        keys.Path("key.pem"))));
+    CSSLCertThread thread(dom);
+    thread.OnSecurityConfigurationChanged();
+    VEXIL::CSSLRequestHandler handler(thread, "now");
+    const std::string cipher = keys.Cipher("key");
+    struct Case {
+        Bytes header;
+        std::string data;
+        bool answered;
+        std::string secret;  // of the answer
+    } cases[] = {
+        {Header(u32(cipher.size()), 9, 3, 0, 1), cipher, true, keys.Secret()},
+        {Header(u32(cipher.size()) + 2, 9, 3, 1, 2), ssltest::Tls(cipher), true, keys.Secret()},
+        {Header(u32(cipher.size()), 8, 3, 0, 3), cipher, true, ""},       // no configuration
+        {Header(u32(cipher.size()) + 1, 9, 3, 0, 4), cipher, false, ""},  // beyond its data
+        {Header(u32(cipher.size()), 9, 3, 0, 5, 2), cipher, true, ""},    // not RSA
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.answered, handler.ServeNow(m_Handle, *AsRequest(c.header), c.data.data(),
+                                               u32(c.data.size())));
+        const std::vector<Response> responses = ssltest::TakeResponses();
+        ASSERT_EQ(c.answered ? 1u : 0u, responses.size());
+        if (c.answered) {
+            EXPECT_EQ(c.secret, responses[0].Secret());
+        }
+    }
 }
 
 }  // namespace

@@ -200,6 +200,11 @@ TEST_F(SSLServiceTest, RefusedSecretIsFollowedByOneFailureResponse) {
     EXPECT_EQ(72u, responses[1].bytes.size());
     EXPECT_EQ(5u, responses[1].Tag());
     EXPECT_EQ(responses[0].sender, responses[1].sender);
+    // Each refusal's event is written after the driver saw the response.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (m_Dom.AgentEvents().size() < 2 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
     EXPECT_EQ(2u, m_Dom.AgentEvents().size());
     NorvCore::TakeOperatorLogLines();
 }
