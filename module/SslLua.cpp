@@ -2,7 +2,10 @@
 //
 // vexil.RSAKey.Create(xml) parses one <SSLCredential> element and loads its
 // key: the key object (owned by the script) on success; nil, a reason number
-// and its name otherwise. Everything here runs on the Lua thread.
+// and its name otherwise. vexil.SSLHostConfigurations.Read(dom) gives the SSL
+// host configurations of the host store's security configuration, so that an
+// agent can tell its driver which servers to inspect. Everything here runs on
+// the Lua thread.
 #include "module/SslLua.h"
 
 #include <wx/string.h>
@@ -14,6 +17,8 @@
 #include "ssl/RSAKey.h"
 #include "ssl/SSLCertThread.h"
 #include "ssl/SSLCredential.h"
+#include "ssl/SSLHostConfiguration.h"
+#include "ssl/SSLHostConfigurations.h"
 
 using VEXIL::CRSAKey;
 using VEXIL::CSSLCertThread;
@@ -74,6 +79,53 @@ int CreateRSAKeyLua(lua_State* L) {
     return 3;
 }
 
+// Where the security configuration keeps the SSL host configurations.
+const char kHostConfigurationsPath[] = "/SecurityConfiguration/SSLHostConfigurations";
+
+// One host configuration as a table {id, name, sslCredentialId, specificIP,
+// allInterfaces}, pushed on the stack.
+void PushHostConfiguration(lua_State* L, const VEXIL::CSSLHostConfiguration& item) {
+    lua_createtable(L, 0, 5);
+    lua_pushinteger(L, item.GetId());
+    lua_setfield(L, -2, "id");
+    SLB::detail::PushWxString(L, item.GetName());
+    lua_setfield(L, -2, "name");
+    lua_pushinteger(L, item.m_SslCredentialId);
+    lua_setfield(L, -2, "sslCredentialId");
+    SLB::detail::PushWxString(L, item.m_SpecificIP);
+    lua_setfield(L, -2, "specificIP");
+    lua_pushboolean(L, item.m_AllInterfaces);
+    lua_setfield(L, -2, "allInterfaces");
+}
+
+// vexil.SSLHostConfigurations.Read(dom) -> array of tables | nil, reason
+int ReadHostConfigurationsLua(lua_State* L) {
+    NorvCore::CDom* dom = SLB::get<NorvCore::CDom*>(L, 1);
+    if (dom == nullptr) {
+        return luaL_argerror(L, 1, "norv::Dom expected");
+    }
+    return SLB::detail::Protect(L, [&] {
+        VEXIL::CSSLHostConfigurations list;
+        if (!dom->ConfigGetXml(kHostConfigurationsPath, list)) {
+            lua_pushnil(L);
+            lua_pushfstring(L, "no readable %s in the security configuration",
+                            kHostConfigurationsPath);
+            return 2;
+        }
+        lua_createtable(L, static_cast<int>(list.Children().size()), 0);
+        int index = 0;
+        for (const NorvCore::XMLObject* item : list.Children()) {
+            PushHostConfiguration(L, static_cast<const VEXIL::CSSLHostConfiguration&>(*item));
+            lua_rawseti(L, -2, ++index);
+        }
+        return 1;
+    });
+}
+
+// Holds the script functions that read configuration records; it has no
+// objects of its own.
+struct CSSLHostConfigurationsFunctions {};
+
 }  // namespace
 
 void sslLua_Init(SLB::Manager* manager) {
@@ -99,6 +151,10 @@ void sslLua_Init(SLB::Manager* manager) {
         .set("FailureReason::UnableToOpenFile", static_cast<int>(CRSAKey::UnableToOpenFile))
         .set("FailureReason::UnsupportedCredentialType",
              static_cast<int>(CRSAKey::UnsupportedCredentialType));
+    SLB::Class<CSSLHostConfigurationsFunctions, SLB::Instance::NoCopy>(
+        "vexil::SSLHostConfigurations", manager)
+        .setInfo("The SSL host configurations of the security configuration")
+        .set("Read", SLB::FuncCall::create(ReadHostConfigurationsLua));
     if (SLB::ClassInfo* keyClass = manager->getClass(SLB::TypeID<CRSAKey>::Key())) {
         keyClass->setDestructor(&DeleteKey);
     }
