@@ -12,6 +12,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev
   gettext
+  lua-posix
+  nftables iproute2 rsyslog tshark
 )
 
 missing=()
