@@ -17,7 +17,7 @@ build: deps build/CMakeCache.txt
 	$(CMAKE) --build build -j $(JOBS)
 
 demo: build
-	cd build && LUA_CPATH="$(CURDIR)/build/?.so;;" lua5.2 $(CURDIR)/examples/agent.lua
+	bash scripts/demo.sh $(CURDIR)/build
 
 test: build
 	cd build && $(CTEST) --output-on-failure -j $(JOBS)
@@ -51,7 +51,7 @@ bench: deps
 	cd build-bench && ./vexil_bench
 
 format:
-	find host driver module config log analysis ssl tests bench examples \
+	find host driver module config log analysis ssl tests bench examples agent \
 		-name '*.cpp' -o -name '*.h' | xargs clang-format -i
 
 clean:

@@ -110,6 +110,8 @@ local norvi = require "norvi"
 
 local dom = SLB.norv.Dom(":memory:")
 if o.base then dom:SetSetting("norv.baseFolder", o.base) end
+-- Settings are read when the objects are made, so they go in first.
+for _, setting in ipairs(o.settings) do dom:SetSetting(setting.key, setting.value) end
 
 -- The security configuration and the servers whose handshakes are decrypted.
 local sslHosts
@@ -222,23 +224,13 @@ local function take_keylog()
   ssl.requests = ssl.answered + ssl.failed
 end
 
+-- The host prints its operator log (agent events, failures with their
+-- reasons) on standard error; the agent keeps a copy in the log folder.
 local function take_operator_log()
   for _, line in ipairs(norv.OperatorLog()) do
     if operatorLog then operatorLog:write(os.date("!%Y-%m-%dT%H:%M:%SZ "), line, "\n") end
-    if o.verbose then io.stderr:write(PROGRAM, ": ", line, "\n") end
   end
   if operatorLog then operatorLog:flush() end
-end
-
--- Live mode tells of each event as it comes.
-local eventsSeen = 0
-local function announce_events()
-  local events = dom:AgentEvents()
-  for i = eventsSeen + 1, #events do
-    io.stderr:write(string.format("%s: agent event %d %s\n", PROGRAM, events[i].number,
-                                  events[i].detail))
-  end
-  eventsSeen = #events
 end
 
 local function handle_record(record, data, packet)
@@ -346,7 +338,6 @@ local function live()
       log:CacheMaintenance(config)
       take_keylog()
       take_operator_log()
-      announce_events()
       if sender then sender:poll() end
     end
   end
@@ -376,7 +367,6 @@ if keylog then keylog:close() end
 if o.mode == "replay" then norv.RealTicks() end
 if sslFolder then os.remove(sslSocket) os.remove(sslFolder) end
 take_operator_log()
-if o.mode == "live" then announce_events() end
 
 ---------------------------------------------------------------------------
 -- The summary.

@@ -12,7 +12,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev
   gettext
-  lua-posix
+  lua-posix lua-dkjson
   nftables iproute2 rsyslog tshark
 )
 

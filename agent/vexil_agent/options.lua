@@ -27,10 +27,12 @@ Configuration and output:
                            it); a bundled default otherwise
   --base DIR               the base folder (default /var/lib/norv)
   --logs DIR               the log folder (default <base>/Logfiles/norv_agent)
+  --setting KEY=VALUE      a host setting, such as
+                           norvp.vexil.analysis.ScanTimeBinMillisec=10000
+                           (may be given more than once)
   --block nft|none         carry block requests out in nftables (default live)
                            or only report them (default replay)
   --json                   print the summary as one JSON object on stdout
-  --verbose                copy the operator log to standard error
 
 TLS:
   --keys FILE              the security configuration XML (SSL credentials and
@@ -55,7 +57,7 @@ local KINDS = {
   duration = "value", config = "value", base = "value", logs = "value",
   block = "value", keys = "value", ["ssl-keylog"] = "value",
   ["ssl-socket"] = "value", syslog = "value", facility = "value",
-  ["syslog-max"] = "value", cef = "flag", json = "flag", verbose = "flag",
+  ["syslog-max"] = "value", setting = "list", cef = "flag", json = "flag",
   help = "flag", version = "flag",
 }
 
@@ -123,7 +125,7 @@ function options.parse(arguments)
     end
     local kind = KINDS[name]
     if not kind then return nil, "unknown option --" .. name .. " (see --help)" end
-    if given[name] ~= nil then return nil, "--" .. name .. " given twice" end
+    if given[name] ~= nil and kind ~= "list" then return nil, "--" .. name .. " given twice" end
     if kind == "flag" then
       if inline then return nil, "--" .. name .. " takes no value" end
       given[name] = true
@@ -134,7 +136,12 @@ function options.parse(arguments)
         value = arguments[index]
         if value == nil then return nil, "--" .. name .. " needs a value" end
       end
-      given[name] = value
+      if kind == "list" then
+        given[name] = given[name] or {}
+        table.insert(given[name], value)
+      else
+        given[name] = value
+      end
     end
     index = index + 1
   end
@@ -174,6 +181,12 @@ function options.check(given)
     if not o.duration_seconds or o.duration_seconds <= 0 or o.duration_seconds ~= o.duration_seconds then
       return nil, "--duration: a positive number of seconds expected"
     end
+  end
+  o.settings = {}
+  for _, text in ipairs(o.setting or {}) do
+    local key, value = text:match("^([%w_.]+)=(.*)$")
+    if not key then return nil, "--setting: KEY=VALUE expected, not '" .. text .. "'" end
+    o.settings[#o.settings + 1] = { key = key, value = value }
   end
   o.block = o.block or (o.mode == "live" and "nft" or "none")
   if o.block ~= "nft" and o.block ~= "none" then

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# The demo: vexil-agent replays the bundled capture with syslog going to a
+# local rsyslog and a TLS key log, then shows the summary, a few log lines,
+# the syslog messages, the key log and the HTTPS request decrypted by tshark
+# with the key log alone. Everything it makes lives in a temporary folder.
+set -euo pipefail
+
+build=${1:-build}
+here=$(cd "$(dirname "$0")/.." && pwd)
+capture_dir=$here/examples/capture
+capture=$(ls "$capture_dir"/*.pcapng "$capture_dir"/*.pcap 2>/dev/null | head -n 1)
+keys=$(ls "$capture_dir"/*.xml | head -n 1)
+# The capture's server address and its allowed services.
+# shellcheck source=/dev/null
+source "$capture_dir/capture.env"
+
+work=$(mktemp -d /tmp/vexil-demo-XXXXXX)
+rsyslog_pid=
+cleanup() {
+    [[ -n $rsyslog_pid ]] && kill "$rsyslog_pid" 2>/dev/null && wait "$rsyslog_pid" 2>/dev/null
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+section() { printf '\n== %s\n' "$1"; }
+
+syslog_args=()
+if command -v rsyslogd >/dev/null; then
+    cat >"$work/rsyslog.conf" <<EOF
+global(workDirectory="$work" maxMessageSize="128k")
+module(load="imuxsock" SysSock.Use="off")
+input(type="imuxsock" Socket="$work/log.sock" UseSpecialParser="off" IgnoreTimestamp="off")
+template(name="demo" type="string" string="%timereported:::date-rfc3339% %hostname% %app-name% %msg%\n")
+*.* action(type="omfile" file="$work/syslog.log" template="demo")
+EOF
+    rsyslogd -n -f "$work/rsyslog.conf" -i "$work/rsyslog.pid" &
+    rsyslog_pid=$!
+    for _ in $(seq 50); do [[ -S $work/log.sock ]] && break; sleep 0.1; done
+    syslog_args=(--syslog "unix:$work/log.sock")
+fi
+
+section "vexil-agent --pcap ${capture#"$here"/} --host $VEXIL_CAPTURE_HOST --services $VEXIL_CAPTURE_SERVICES"
+(cd "$here" && "$build/vexil-agent" --pcap "$capture" --host "$VEXIL_CAPTURE_HOST" \
+    --services "$VEXIL_CAPTURE_SERVICES" --keys "$keys" --ssl-keylog "$work/keys.log" \
+    --logs "$work/logs" "${syslog_args[@]}" 2>"$work/agent.err")
+
+section "first log lines (of $(wc -l <"$work/logs/norv_mpnp"))"
+head -n 5 "$work/logs/norv_mpnp" | cut -c 1-200
+
+if [[ -n $rsyslog_pid ]]; then
+    sleep 0.3
+    section "syslog messages received by rsyslog (first of $(wc -l <"$work/syslog.log"))"
+    head -n 5 "$work/syslog.log" | cut -c 1-200
+fi
+
+section "TLS key log"
+cat "$work/keys.log"
+
+if command -v tshark >/dev/null; then
+    section "the HTTPS request, decrypted by tshark with the key log alone"
+    tshark -r "$capture" -o "tls.keylog_file:$work/keys.log" -Y http 2>/dev/null
+else
+    section "tshark is not installed: the decryption is not shown"
+fi
