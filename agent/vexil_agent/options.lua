@@ -132,9 +132,12 @@ function options.parse(arguments)
     else
       local value = inline
       if value == nil then
+        -- An option right behind is a forgotten value (--name=--x still works).
         index = index + 1
         value = arguments[index]
-        if value == nil then return nil, "--" .. name .. " needs a value" end
+        if value == nil or value:match("^%-%-") then
+          return nil, "--" .. name .. " needs a value"
+        end
       end
       if kind == "list" then
         given[name] = given[name] or {}
