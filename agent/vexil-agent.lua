@@ -26,7 +26,14 @@ local MAX_IDLE_SECONDS = 3600
 -- How long a live read waits for a record before the loop looks around.
 local LIVE_WAIT_MS = 200
 
+-- Paths that the agent made for itself and removes on any way out.
+local temporary = {}
+local function remove_temporary()
+  for i = #temporary, 1, -1 do os.remove(temporary[i]) end
+end
+
 local function fail(message, code)
+  remove_temporary()
   io.stderr:write(PROGRAM, ": ", message, "\n")
   os.exit(code or 2)
 end
@@ -169,7 +176,7 @@ if o["ssl-keylog"] then
 end
 
 -- The SSL service answers the requests of this process's driver interface.
-local service, sslSocket, sslFolder
+local service, sslSocket
 if sslHosts then
   if type(norvi.listen_ssl) ~= "function" then
     fail("this driver library has no SSL socket server (norvi.listen_ssl)")
@@ -177,12 +184,15 @@ if sslHosts then
   sslSocket = o["ssl-socket"]
   if not sslSocket then
     local pipe = io.popen("mktemp -d /tmp/vexil-agent-XXXXXX")
-    sslFolder = pipe:read("*l")
+    local sslFolder = pipe:read("*l")
     pipe:close()
     sslSocket = sslFolder .. "/ssl.sock"
+    temporary = { sslFolder, sslSocket }
   end
-  local ok, reason = norvi.listen_ssl(sslSocket)
-  if not ok then fail("cannot serve SSL requests at " .. sslSocket .. ": " .. tostring(reason)) end
+  local called, result, reason = pcall(norvi.listen_ssl, sslSocket)
+  if not called or (result == nil and reason ~= nil) then
+    fail("cannot serve SSL requests at " .. sslSocket .. ": " .. tostring(called and reason or result))
+  end
   service = SLB.vexil.SSLCertThread(dom)
   service:start(0, true, 0)
 end
@@ -365,7 +375,7 @@ local sourceCounters = handle:counters()
 handle:close()
 if keylog then keylog:close() end
 if o.mode == "replay" then norv.RealTicks() end
-if sslFolder then os.remove(sslSocket) os.remove(sslFolder) end
+remove_temporary()
 take_operator_log()
 
 ---------------------------------------------------------------------------

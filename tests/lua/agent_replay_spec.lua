@@ -1,0 +1,147 @@
+-- vexil-agent on the bundled capture: the JSON summary (probes and the scanner
+-- flagged once each, nothing for the TLS client), the key log that lets
+-- tshark decrypt the HTTPS session by itself, and syslog delivered intact to
+-- a real rsyslog over a Unix datagram socket, UDP and TCP.
+local support = require "support"
+local rsyslog = require "rsyslog"
+local json = require "dkjson"
+
+local SOURCE = os.getenv("VEXIL_SOURCE_DIR")
+-- The agent runs on the Linux driver library beside the host core, not on
+-- the stand-in that the other specs are given.
+local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
+local CAPTURE_DIR = SOURCE .. "/examples/capture"
+
+local function first_line(command)
+  local pipe = io.popen(command)
+  local line = pipe:read("*l")
+  pipe:close()
+  return line
+end
+
+local function output_of(command)
+  local pipe = io.popen(command)
+  local text = pipe:read("*a")
+  pipe:close()
+  return text
+end
+
+local capture = first_line("ls " .. CAPTURE_DIR .. "/*.pcapng " .. CAPTURE_DIR .. "/*.pcap 2>/dev/null")
+local keys = first_line("ls " .. CAPTURE_DIR .. "/*.xml 2>/dev/null")
+
+-- The server's address: the one SSL host configuration of the keys.
+local function server_address()
+  local text = support.read(keys)
+  return text:match('specificIP="([^"]+)"')
+end
+
+-- Runs the agent on the capture from the repository's top (the keys name
+-- their key file from there); the decoded summary and the standard error.
+local function replay(folder, extra)
+  local command = string.format(
+    "cd %s && %s --pcap %s --host %s --services tcp:443 --keys %s --logs %s/logs --json %s " ..
+    "2>%s/err", SOURCE, AGENT, capture, server_address(), keys, folder, extra or "", folder)
+  local summary = json.decode(output_of(command))
+  return summary, support.read(folder .. "/err")
+end
+
+describe("vexil-agent replay", function()
+  if not capture or not keys then
+    pending("the sample capture and its keys are not in examples/capture")
+    return
+  end
+  local folder = support.tempdir()
+  teardown(function() support.remove(folder) end)
+
+  local summary, err = replay(folder, "--ssl-keylog " .. folder .. "/keys.log")
+
+  it("reports each probe and the scanner once, with their blocks", function()
+    assert.is_table(summary, err)
+    assert.is_truthy(summary.records > 0 and summary.lines > 0)
+    local seen, kinds = {}, {}
+    for _, event in ipairs(summary.events) do
+      local address = event.detail:match("^[^|]*|([^|]*)|")
+      local key = event.number .. " " .. tostring(address)
+      assert.is_nil(seen[key], "flagged twice: " .. key)
+      seen[key] = true
+      kinds[event.number] = (kinds[event.number] or 0) + 1
+    end
+    assert.are.equal(1, kinds[7001], "one scanner")
+    assert.is_truthy((kinds[7002] or 0) + (kinds[7003] or 0) + (kinds[7004] or 0) >= 1,
+                     "stealth probes")
+    -- Replay only reports blocks: one per probe event, none carried out.
+    assert.are.equal(#summary.events, #summary.blocks)
+    for _, block in ipairs(summary.blocks) do
+      assert.is_false(block.ok)
+      assert.is_truthy(block.seconds == 600 or block.seconds == 3600)
+    end
+  end)
+
+  it("writes a key log that decrypts the TLS session in tshark by itself", function()
+    assert.are.same({ requests = 1, answered = 1, failed = 0 },
+                    { requests = summary.ssl.requests, answered = summary.ssl.answered,
+                      failed = summary.ssl.failed })
+    local keylog = support.read(folder .. "/keys.log")
+    assert.is_truthy(keylog:match("^RSA %x+ %x+\n$"), keylog)
+    assert.are.equal(16, #keylog:match("^RSA (%x+)"))
+    assert.are.equal(96, #keylog:match("^RSA %x+ (%x+)"))
+    if os.execute("command -v tshark >/dev/null") ~= true then
+      pending("tshark is not installed: the decryption is not checked")
+      return
+    end
+    local fields = "-T fields -e ip.src -e http.request.method -e http.request.uri -Y http.request"
+    local plain = output_of(string.format("tshark -r %s %s 2>/dev/null", capture, fields))
+    assert.are.equal("", plain, "without the key log nothing is readable")
+    local decrypted = output_of(string.format("tshark -r %s -o tls.keylog_file:%s/keys.log %s 2>/dev/null",
+                                              capture, folder, fields))
+    local client, method = decrypted:match("^(%S+)\t(%u+)\t")
+    assert.is_truthy(method, decrypted)
+    -- The TLS client is the benign source: no event names it.
+    for _, event in ipairs(summary.events) do
+      assert.is_falsy(event.detail:find("|" .. client .. "|", 1, true), event.detail)
+    end
+  end)
+
+  describe("syslog", function()
+    if not rsyslog.available() then
+      pending("rsyslogd is not installed (Debian package rsyslog)")
+      return
+    end
+    local receiver = rsyslog.start(folder)
+    teardown(function() receiver:stop() end)
+
+    it("delivers every accepted record intact over each transport", function()
+      local messages = {}
+      for _, case in ipairs {
+        { "unix", "unix:" .. receiver.socket }, { "udp", "udp:127.0.0.1:" .. receiver.udp },
+        { "tcp", "tcp:127.0.0.1:" .. receiver.tcp }, { "tcp-cef", "tcp:127.0.0.1:" .. receiver.tcp .. " --cef" },
+      } do
+        local run, runErr = replay(folder .. "/" .. case[1], "--syslog " .. case[2])
+        assert.is_table(run, runErr)
+        assert.are.same({ run.accepted, 0 }, { run.syslog.sent, run.syslog.dropped })
+        messages[case[1]] = run.accepted
+      end
+      local total = messages.unix + messages.udp + messages.tcp + messages["tcp-cef"]
+      local byInput = { imuxsock = {}, imudp = {}, imtcp = {} }
+      local records = receiver:wait_for(total)
+      assert.are.equal(total, #records)
+      for _, record in ipairs(records) do
+        local list = byInput[record.input]
+        list[#list + 1] = record.msg
+        assert.are.equal("vexil", record.app)
+      end
+      -- Every transport carried the same texts, byte for byte.
+      table.sort(byInput.imuxsock)
+      table.sort(byInput.imudp)
+      assert.are.same(byInput.imuxsock, byInput.imudp)
+      local native, cef = {}, {}
+      for _, msg in ipairs(byInput.imtcp) do
+        if msg:match("^CEF:0|") then cef[#cef + 1] = msg else native[#native + 1] = msg end
+      end
+      table.sort(native)
+      assert.are.same(byInput.imudp, native)
+      assert.are.equal(messages["tcp-cef"], #cef)
+      for _, msg in ipairs(byInput.imudp) do assert.is_truthy(msg:match("^REASON="), msg) end
+    end)
+  end)
+end)
