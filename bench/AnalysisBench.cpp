@@ -18,6 +18,7 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "host/Ticks.h"
 #include "log/LogData.h"
@@ -51,13 +52,11 @@ public:
         luaL_dostring(m_Lua, kConfiguration);
         m_Config.reset(new VEXIL::ConfigUtils(m_Lua, lua_gettop(m_Lua)));
         m_Log.reset(new VEXIL::LogData(m_Dom));
+        const u8 zero[4] = {};
+        NORVI::CRecordBuilder builder;
+        builder.Ipv4(zero, zero, 17).Ports(40000, 0);
         DriverLogEntry record;
-        std::memset(record.bytes, 0, sizeof record.bytes);
-        const u16 flags = DriverLogEntry::kIpv4 | DriverLogEntry::kTransportValid;
-        const u16 sourcePort = htons(40000);
-        std::memcpy(record.bytes + 38, &flags, 2);
-        record.bytes[129] = 17;
-        std::memcpy(record.bytes + 160, &sourcePort, 2);
+        std::memcpy(record.bytes, builder.Bytes(), sizeof record.bytes);
         m_Log->SetConfigUtils(m_Config.get());
         m_Log->WriteLogData(&record, nullptr, 0, nullptr, 0);
         m_Log->SetConfigUtils(nullptr);

@@ -13,6 +13,7 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "log/LogData.h"
 
@@ -22,25 +23,22 @@ using VEXIL::DriverLogEntry;
 
 // An inbound TCP SYN, IPv4, denied by rule 1042.
 DriverLogEntry MakeRecord(u16 sourcePort) {
+    const u8 source[4] = {192, 0, 2, 7};
+    const u8 destination[4] = {198, 51, 100, 2};
+    NORVI::CRecordBuilder builder;
+    builder.Time(1700000000, 0)
+        .EndTime(1700000000, 0)
+        .Action(1)
+        .Id(1042)
+        .PacketLen(60)
+        .Count(1)
+        .PutNetwork(NORVI::Record::kIphTotalLen, 60)
+        .PutNetwork(NORVI::Record::kIphFragOff, 0x4000)
+        .Ipv4(source, destination, 6)
+        .Ports(sourcePort, 23)
+        .TcpFlags(0x02);
     DriverLogEntry record;
-    std::memset(record.bytes, 0, sizeof record.bytes);
-    auto put32 = [&](size_t offset, u32 value) { std::memcpy(record.bytes + offset, &value, 4); };
-    auto put16 = [&](size_t offset, u16 value) { std::memcpy(record.bytes + offset, &value, 2); };
-    put32(0, 1700000000);
-    put32(88, 1700000000);
-    put16(20, 1);
-    put32(24, 1042);
-    put16(38, DriverLogEntry::kIpv4 | DriverLogEntry::kTransportValid);
-    put32(52, 60);
-    put32(96, 1);
-    put16(122, htons(60));
-    put16(126, htons(0x4000));
-    record.bytes[129] = 6;
-    put32(132, inet_addr("192.0.2.7"));
-    put32(136, inet_addr("198.51.100.2"));
-    put16(160, htons(sourcePort));
-    put16(162, htons(23));
-    record.bytes[173] = 0x02;
+    std::memcpy(record.bytes, builder.Bytes(), sizeof record.bytes);
     return record;
 }
 

@@ -27,7 +27,7 @@
 namespace {
 
 // The driver stand-in of this build, unless the caller chose another.
-const int kLibraryChosen = setenv("NORVI_LIBRARY", VEXIL_BUILD_DIR "/libnorvi.so", 0);
+const int kLibraryChosen = setenv("NORVI_LIBRARY", NORVI_STANDIN_LIBRARY, 0);
 
 template <typename Function>
 Function Control(const char* name) {

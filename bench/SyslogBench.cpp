@@ -11,6 +11,7 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "host/Syslogger.h"
 #include "log/LogData.h"
@@ -23,32 +24,27 @@ using VEXIL::DriverLogEntry;
 // A TCP record from 192.0.2.7; with payload set, a detect-only reset of
 // filter 4711 with a note, else a deny of rule 1042.
 void FillRecord(VEXIL::RecordCopy& copy, bool payload) {
-    u8 record[DriverLogEntry::kSize] = {};
-    auto put32 = [&](size_t offset, u32 value) { std::memcpy(record + offset, &value, 4); };
-    auto put16 = [&](size_t offset, u16 value) { std::memcpy(record + offset, &value, 2); };
-    put32(0, 1700000000);
-    put16(20, payload ? 0x82 : 1);
-    put16(22, u16(payload ? -500 : 0));
-    put32(24, payload ? 4711 : 1042);
-    put16(38, DriverLogEntry::kIpv4 | DriverLogEntry::kTransportValid |
-                  (payload ? DriverLogEntry::kFlagBit1 : 0));
-    put32(52, payload ? 400 : 60);
-    put32(96, 1);
-    put16(126, htons(payload ? 0 : 0x4000));
-    record[129] = 6;
-    put32(132, inet_addr("192.0.2.7"));
-    put32(136, inet_addr("198.51.100.2"));
-    put16(160, htons(40123));
-    put16(162, htons(payload ? 80 : 23));
-    record[173] = payload ? 0x18 : 0x02;
+    const u8 source[4] = {192, 0, 2, 7};
+    const u8 destination[4] = {198, 51, 100, 2};
+    NORVI::CRecordBuilder record;
+    record.Time(1700000000, 0)
+        .Action(payload ? 0x82 : 1)
+        .Reason(payload ? -500 : 0)
+        .Id(payload ? 4711 : 1042)
+        .PacketLen(payload ? 400 : 60)
+        .Count(1)
+        .PutNetwork(NORVI::Record::kIphFragOff, payload ? 0 : 0x4000)
+        .Ipv4(source, destination, 6)
+        .Ports(40123, payload ? 80 : 23)
+        .TcpFlags(payload ? 0x18 : 0x02);
     if (payload) {
-        put16(36, 120);
-        put32(32, 4096);
-        put16(56, 3);
-        std::memcpy(record + 60, "abc", 3);
-        put16(84, 0x08);
+        record.AddFlags(NORVI::Record::kFlagBit1)
+            .PutUnsigned(NORVI::Record::kPacketPos, 120)
+            .PutUnsigned(NORVI::Record::kStreamPos, 4096)
+            .Note("abc", 3)
+            .AddLogFlags(0x08);
     }
-    copy.Fill(record, nullptr, 0);
+    copy.Fill(record.Bytes(), nullptr, 0);
 }
 
 void BM_SyslogFormat(benchmark::State& state) {

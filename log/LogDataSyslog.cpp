@@ -23,7 +23,7 @@ using NorvCore::CSyslogger;
 constexpr size_t kLogBufSize = 0x10000;
 // The fixed record bytes from interface_mac on: its length field is not
 // clipped to the eight bytes of the field, only to the working copy.
-constexpr size_t kInterfaceMacOffset = 44;
+constexpr size_t kInterfaceMacOffset = NORVI::Record::kInterfaceMac.m_Offset;
 
 wxString Underscored(wxString text) {
     text.Replace(" ", "_");

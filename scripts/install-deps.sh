@@ -11,6 +11,8 @@ packages=(
   libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libpcap-dev
+  libnetfilter-log-dev libmnl-dev libnftables-dev nftables iproute2
+  nmap ulogd2 python3 curl netcat-openbsd
   gettext
   lua-posix lua-dkjson
   nftables iproute2 rsyslog tshark

@@ -46,6 +46,9 @@ struct SourceOptions {
     // project's ruleset (and removes it when it closes).
     int m_NflogGroup = -1;
     bool m_InstallRuleset = false;
+    // Live: the receive buffer of the NFLOG socket in bytes; 0 for the
+    // library's default (a few megabytes).
+    int m_ReceiveBufferBytes = 0;
     // Replay: the capture file, the host's own addresses, the interface index
     // that the records carry (a capture has none).
     std::string m_CapturePath;
@@ -69,6 +72,13 @@ public:
     virtual ReadResult Next(SourceRecord& out, int timeoutMs) = 0;
     virtual SourceCounters Counters() const = 0;
     virtual std::string LastError() const = 0;
+    // Replay: the key log lines made since the last call (NSS key log form,
+    // "RSA <8 bytes hex> <pre-master hex>"), and into failed the number of
+    // SSL requests that failed so far. A live source makes none.
+    virtual std::vector<std::string> TakeKeyLog(uint64_t& failed) {
+        failed = 0;
+        return {};
+    }
 };
 
 // The two sources; null with the reason in error when they cannot start.

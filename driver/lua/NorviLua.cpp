@@ -12,18 +12,16 @@
 
 #include <lua.hpp>
 
+#include "driver/record/RecordBuilder.h"
+#include "driver/standin/NorviControl.h"
 #include "host/NorviLoader.h"
 #include "host/norvi.h"
-#include "driver/standin/NorviControl.h"
 
 namespace {
 
 // Metatable of the box that holds a norvi_handle_t; null once closed. Other
 // modules test for this name with luaL_testudata.
 const char kHandleMetatable[] = "norvi_handle_t*";
-
-// Size of a driver log record.
-const size_t kRecordSize = 192;
 
 // How a record field is given in Lua and stored in the record.
 enum class FieldKind {
@@ -37,56 +35,57 @@ enum class FieldKind {
 
 struct FieldDescriptor {
     const char* m_Name;
-    size_t m_Offset;
-    size_t m_Width;
+    NORVI::RecordField m_Field;
     FieldKind m_Kind;
     // For a length field: the field whose string length it takes when it is
     // not given itself; null otherwise.
     const char* m_LengthOf;
 };
 
-// The fields of a driver log record, in the order in which they are written:
-// where the IPv4 and IPv6 views, or the port and ICMP views, overlap, a field
-// given later in this table wins.
+namespace Layout = NORVI::Record;
+
+// The fields of a driver log record by their Lua names, in the order in
+// which they are written: where the IPv4 and IPv6 views, or the port and ICMP
+// views, overlap, a field given later in this table wins.
 const FieldDescriptor kRecordFields[] = {
-    {"time_sec", 0, 4, FieldKind::Unsigned, nullptr},
-    {"time_usec", 4, 4, FieldKind::Unsigned, nullptr},
-    {"action", 20, 2, FieldKind::Signed, nullptr},
-    {"reason", 22, 2, FieldKind::Signed, nullptr},
-    {"id", 24, 4, FieldKind::Unsigned, nullptr},
-    {"interface_index", 28, 4, FieldKind::Unsigned, nullptr},
-    {"stream_pos", 32, 4, FieldKind::Unsigned, nullptr},
-    {"packet_pos", 36, 2, FieldKind::Unsigned, nullptr},
-    {"flags", 38, 2, FieldKind::Unsigned, nullptr},
-    {"interface_mac_len", 40, 4, FieldKind::Unsigned, "interface_mac"},
-    {"interface_mac", 44, 8, FieldKind::Bytes, nullptr},
-    {"packet_len", 52, 4, FieldKind::Unsigned, nullptr},
-    {"note_len", 56, 2, FieldKind::Unsigned, "note"},
-    {"packet_data_len", 58, 2, FieldKind::Unsigned, nullptr},
-    {"note", 60, 16, FieldKind::Bytes, nullptr},
-    {"data_len", 76, 2, FieldKind::Unsigned, nullptr},
-    {"data_index", 78, 2, FieldKind::Unsigned, nullptr},
-    {"log_flags", 84, 2, FieldKind::Unsigned, nullptr},
-    {"end_time_sec", 88, 4, FieldKind::Unsigned, nullptr},
-    {"end_time_usec", 92, 4, FieldKind::Unsigned, nullptr},
-    {"count", 96, 4, FieldKind::Unsigned, nullptr},
-    {"aux_count", 100, 2, FieldKind::Unsigned, nullptr},
-    {"eth_dest", 102, 6, FieldKind::Bytes, nullptr},
-    {"eth_src", 108, 6, FieldKind::Bytes, nullptr},
-    {"eth_type", 114, 2, FieldKind::Network, nullptr},
-    {"iph_total_len", 122, 2, FieldKind::Network, nullptr},
-    {"iph_frag_off", 126, 2, FieldKind::Network, nullptr},
-    {"iph_proto", 129, 1, FieldKind::Unsigned, nullptr},
-    {"iph_src", 132, 4, FieldKind::Ipv4, nullptr},
-    {"iph_dest", 136, 4, FieldKind::Ipv4, nullptr},
-    {"ipv6h_next", 126, 1, FieldKind::Unsigned, nullptr},
-    {"ipv6h_src", 128, 16, FieldKind::Ipv6, nullptr},
-    {"ipv6h_dest", 144, 16, FieldKind::Ipv6, nullptr},
-    {"th_sport", 160, 2, FieldKind::Network, nullptr},
-    {"th_dport", 162, 2, FieldKind::Network, nullptr},
-    {"tcph_flags", 173, 1, FieldKind::Unsigned, nullptr},
-    {"icmph_type", 160, 1, FieldKind::Unsigned, nullptr},
-    {"icmph_code", 161, 1, FieldKind::Unsigned, nullptr},
+    {"time_sec", Layout::kTimeSec, FieldKind::Unsigned, nullptr},
+    {"time_usec", Layout::kTimeUsec, FieldKind::Unsigned, nullptr},
+    {"action", Layout::kAction, FieldKind::Signed, nullptr},
+    {"reason", Layout::kReason, FieldKind::Signed, nullptr},
+    {"id", Layout::kId, FieldKind::Unsigned, nullptr},
+    {"interface_index", Layout::kInterfaceIndex, FieldKind::Unsigned, nullptr},
+    {"stream_pos", Layout::kStreamPos, FieldKind::Unsigned, nullptr},
+    {"packet_pos", Layout::kPacketPos, FieldKind::Unsigned, nullptr},
+    {"flags", Layout::kFlags, FieldKind::Unsigned, nullptr},
+    {"interface_mac_len", Layout::kInterfaceMacLen, FieldKind::Unsigned, "interface_mac"},
+    {"interface_mac", Layout::kInterfaceMac, FieldKind::Bytes, nullptr},
+    {"packet_len", Layout::kPacketLen, FieldKind::Unsigned, nullptr},
+    {"note_len", Layout::kNoteLen, FieldKind::Unsigned, "note"},
+    {"packet_data_len", Layout::kPacketDataLen, FieldKind::Unsigned, nullptr},
+    {"note", Layout::kNote, FieldKind::Bytes, nullptr},
+    {"data_len", Layout::kDataLen, FieldKind::Unsigned, nullptr},
+    {"data_index", Layout::kDataIndex, FieldKind::Unsigned, nullptr},
+    {"log_flags", Layout::kLogFlags, FieldKind::Unsigned, nullptr},
+    {"end_time_sec", Layout::kEndTimeSec, FieldKind::Unsigned, nullptr},
+    {"end_time_usec", Layout::kEndTimeUsec, FieldKind::Unsigned, nullptr},
+    {"count", Layout::kCount, FieldKind::Unsigned, nullptr},
+    {"aux_count", Layout::kAuxCount, FieldKind::Unsigned, nullptr},
+    {"eth_dest", Layout::kEthDest, FieldKind::Bytes, nullptr},
+    {"eth_src", Layout::kEthSrc, FieldKind::Bytes, nullptr},
+    {"eth_type", Layout::kEthType, FieldKind::Network, nullptr},
+    {"iph_total_len", Layout::kIphTotalLen, FieldKind::Network, nullptr},
+    {"iph_frag_off", Layout::kIphFragOff, FieldKind::Network, nullptr},
+    {"iph_proto", Layout::kIphProto, FieldKind::Unsigned, nullptr},
+    {"iph_src", Layout::kIphSrc, FieldKind::Ipv4, nullptr},
+    {"iph_dest", Layout::kIphDest, FieldKind::Ipv4, nullptr},
+    {"ipv6h_next", Layout::kIpv6hNext, FieldKind::Unsigned, nullptr},
+    {"ipv6h_src", Layout::kIpv6hSrc, FieldKind::Ipv6, nullptr},
+    {"ipv6h_dest", Layout::kIpv6hDest, FieldKind::Ipv6, nullptr},
+    {"th_sport", Layout::kThSport, FieldKind::Network, nullptr},
+    {"th_dport", Layout::kThDport, FieldKind::Network, nullptr},
+    {"tcph_flags", Layout::kTcphFlags, FieldKind::Unsigned, nullptr},
+    {"icmph_type", Layout::kIcmphType, FieldKind::Unsigned, nullptr},
+    {"icmph_code", Layout::kIcmphCode, FieldKind::Unsigned, nullptr},
 };
 
 const FieldDescriptor* FindField(const char* name) {
@@ -117,14 +116,14 @@ lua_Number CheckWholeNumber(lua_State* L, int index, int argument, const char* w
 
 // Writes the value on top of the stack into the record as field says, or
 // raises an argument error for argument 1.
-void WriteField(lua_State* L, const FieldDescriptor& field, uint8_t* record) {
-    uint8_t* const target = record + field.m_Offset;
+void WriteField(lua_State* L, const FieldDescriptor& field, NORVI::CRecordBuilder& record) {
+    const size_t width = field.m_Field.m_Width;
     const char* const name = field.m_Name;
     switch (field.m_Kind) {
         case FieldKind::Unsigned:
         case FieldKind::Network:
         case FieldKind::Signed: {
-            const int bits = static_cast<int>(field.m_Width * 8);
+            const int bits = static_cast<int>(width * 8);
             const bool isSigned = field.m_Kind == FieldKind::Signed;
             const lua_Number low = isSigned ? -static_cast<lua_Number>(1LL << (bits - 1)) : 0;
             const lua_Number high = isSigned ? static_cast<lua_Number>((1LL << (bits - 1)) - 1)
@@ -133,10 +132,10 @@ void WriteField(lua_State* L, const FieldDescriptor& field, uint8_t* record) {
             const uint64_t value = static_cast<uint64_t>(
                 static_cast<int64_t>(CheckWholeNumber(L, -2, 1, what, low, high)));
             lua_pop(L, 1);
-            for (size_t byte = 0; byte < field.m_Width; ++byte) {
-                const size_t shift =
-                    8 * (field.m_Kind == FieldKind::Network ? field.m_Width - 1 - byte : byte);
-                target[byte] = static_cast<uint8_t>(value >> shift);
+            if (field.m_Kind == FieldKind::Network) {
+                record.PutNetwork(field.m_Field, value);
+            } else {
+                record.PutUnsigned(field.m_Field, value);
             }
             return;
         }
@@ -149,20 +148,22 @@ void WriteField(lua_State* L, const FieldDescriptor& field, uint8_t* record) {
             size_t length = 0;
             const char* const text = lua_tolstring(L, -1, &length);
             if (field.m_Kind == FieldKind::Bytes) {
-                if (length > field.m_Width) {
+                if (length > width) {
                     luaL_argerror(L, 1,
                                   lua_pushfstring(L, "field '%s' longer than %d bytes", name,
-                                                  static_cast<int>(field.m_Width)));
+                                                  static_cast<int>(width)));
                 }
-                memcpy(target, text, length);
+                record.PutBytes(field.m_Field, text, length);
                 return;
             }
             const int family = field.m_Kind == FieldKind::Ipv4 ? AF_INET : AF_INET6;
-            if (strlen(text) != length || inet_pton(family, text, target) != 1) {
+            uint8_t address[16];
+            if (strlen(text) != length || inet_pton(family, text, address) != 1) {
                 luaL_argerror(L, 1,
                               lua_pushfstring(L, "field '%s' is not an %s address", name,
                                               family == AF_INET ? "IPv4" : "IPv6"));
             }
+            record.PutBytes(field.m_Field, address, width);
             return;
         }
     }
@@ -182,7 +183,7 @@ int EncodeRecord(lua_State* L) {
         }
         lua_pop(L, 1);
     }
-    uint8_t record[kRecordSize] = {};
+    NORVI::CRecordBuilder record;
     for (const FieldDescriptor& field : kRecordFields) {
         lua_getfield(L, 1, field.m_Name);
         if (!lua_isnil(L, -1)) {
@@ -198,7 +199,7 @@ int EncodeRecord(lua_State* L) {
         }
         lua_pop(L, 1);
     }
-    lua_pushlstring(L, reinterpret_cast<const char*>(record), sizeof record);
+    lua_pushlstring(L, reinterpret_cast<const char*>(record.Bytes()), NORVI::Record::kSize);
     return 1;
 }
 

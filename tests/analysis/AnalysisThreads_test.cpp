@@ -15,12 +15,13 @@
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
+#include "driver/record/RecordBuilder.h"
+#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
 #include "host/Ticks.h"
 #include "host/Trace.h"
 #include "host/norvi.h"
-#include "driver/standin/NorviControl.h"
 #include "log/LogData.h"
 #include "tests/TempFolder.h"
 
@@ -45,22 +46,20 @@ const char* const kConfiguration =
 
 // An incoming IPv4 TCP record from 10.<kind>.0.<source>, denied.
 DriverLogEntry Record(int kind, int source, const char* dest, u16 port, u8 tcpFlags) {
+    const u8 sourceAddress[4] = {10, u8(kind), 0, u8(source)};
+    u8 destAddress[4];
+    inet_pton(AF_INET, dest, destAddress);
+    NORVI::CRecordBuilder builder;
+    builder.Time(1700000000, 0)
+        .EndTime(1700000000, 0)
+        .Action(1)
+        .Reason(3)
+        .Count(1)
+        .Ipv4(sourceAddress, destAddress, 6)
+        .Ports(40000, port)
+        .TcpFlags(tcpFlags);
     DriverLogEntry record;
-    std::memset(record.bytes, 0, sizeof record.bytes);
-    auto put16 = [&](size_t offset, u16 value) { std::memcpy(record.bytes + offset, &value, 2); };
-    auto put32 = [&](size_t offset, u32 value) { std::memcpy(record.bytes + offset, &value, 4); };
-    put32(0, 1700000000);
-    put32(88, 1700000000);
-    put16(20, 1);
-    put16(22, 3);
-    put16(38, DriverLogEntry::kIpv4 | DriverLogEntry::kTransportValid);
-    put32(96, 1);
-    record.bytes[129] = 6;
-    put32(132, htonl(0x0A000000u | kind << 16 | source));
-    put32(136, inet_addr(dest));
-    put16(160, htons(40000));
-    put16(162, htons(port));
-    record.bytes[173] = tcpFlags;
+    std::memcpy(record.bytes, builder.Bytes(), sizeof record.bytes);
     return record;
 }
 

@@ -21,7 +21,7 @@
 namespace {
 
 // Chosen before any test makes the first norvi call, which loads the library.
-const int kLibraryChosen = setenv("NORVI_LIBRARY", VEXIL_BUILD_DIR "/libnorvi.so", 1);
+const int kLibraryChosen = setenv("NORVI_LIBRARY", NORVI_STANDIN_LIBRARY, 0);
 
 template <typename Function>
 Function Control(const char* name) {
