@@ -15,7 +15,7 @@ packages=(
   nmap ulogd2 python3 curl netcat-openbsd
   gettext
   lua-posix lua-dkjson
-  nftables iproute2 rsyslog tshark
+  rsyslog tshark
 )
 
 missing=()
