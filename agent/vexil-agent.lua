@@ -339,7 +339,8 @@ local function live()
     local record, data, packet = handle:next(LIVE_WAIT_MS)
     if record then
       handle_record(record, data, packet)
-    elseif data ~= "timeout" and data ~= "end" then
+    elseif data ~= "timeout" and data ~= "end" and not stopRequested then
+      -- (A signal that ends the wait is a stop, not a failure.)
       return packet or data
     end
     now = monotonic()
