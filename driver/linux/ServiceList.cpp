@@ -43,7 +43,8 @@ bool CServiceList::Parse(const std::string& text, std::string& error) {
             }
             if ((protocol != "tcp" && protocol != "udp") || !digits || value == 0 ||
                 value > 65535) {
-                error = "bad service \"" + item.substr(0, 32) + "\" (want tcp:<port> or udp:<port>)";
+                error =
+                    "bad service \"" + item.substr(0, 32) + "\" (want tcp:<port> or udp:<port>)";
                 return false;
             }
             (protocol == "tcp" ? tcp : udp).push_back(static_cast<uint16_t>(value));
