@@ -201,10 +201,11 @@ local openOptions = { services = o.services, ssl_socket = sslSocket, ssl_hosts =
 if o.mode == "replay" then
   openOptions.pcap, openOptions.host = o.pcap, o.addresses
 else
-  openOptions.nflog, openOptions.install, openOptions.host = o.nflog_group, true, o.addresses
+  openOptions.nflog, openOptions.install = o.nflog_group, true
 end
-local handle, reason = norvi.open(openOptions)
-if not handle then
+local opened, handle, reason = pcall(norvi.open, openOptions)
+if not opened or not handle then
+  reason = opened and reason or handle
   if service then service:StopThread("ssl") end
   fail(reason)
 end
