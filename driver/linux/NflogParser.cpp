@@ -14,7 +14,6 @@
 #include <algorithm>
 
 #include "driver/linux/RulesetVerdicts.h"
-#include "driver/record/PacketView.h"
 #include "driver/record/RecordBuilder.h"
 #include "host/NorviRecord.h"
 
@@ -95,16 +94,9 @@ bool CNflogParser::Build(const nlmsghdr* message, SourceRecord& record) {
         return false;
     }
 
-    CPacketView view;
-    if (view.Read(packet, packetLength) != CPacketView::Parse::Ok) {
-        m_LastDrop = "NFLOG payload holds no complete IP header";
-        return false;
-    }
     PacketEvent event;
     event.m_Packet = packet;
     event.m_CapturedLength = packetLength;
-    event.m_WireLength =
-        static_cast<uint32_t>(view.AnnouncedLength() != 0 ? view.AnnouncedLength() : packetLength);
     event.m_Action = action;
     event.m_Reason = reason;
     event.m_RuleId = ruleId;
@@ -133,16 +125,15 @@ bool CNflogParser::Build(const nlmsghdr* message, SourceRecord& record) {
     } else if (attributes[NFULA_IFINDEX_OUTDEV] != nullptr) {
         event.m_InterfaceIndex = ntohl(mnl_attr_get_u32(attributes[NFULA_IFINDEX_OUTDEV]));
     }
+    uint8_t mac[8] = {};
+    if (event.m_InterfaceIndex != 0 && m_Lookup) {
+        event.m_InterfaceMacLength = m_Lookup(event.m_InterfaceIndex, mac);
+        event.m_InterfaceMac = event.m_InterfaceMacLength != 0 ? mac : nullptr;
+    }
     if (!BuildPacketRecord(event, record)) {
         m_LastDrop = "NFLOG payload holds no complete IP header";
         return false;
     }
-    uint8_t mac[8] = {};
-    const uint32_t macLength = event.m_InterfaceIndex != 0 && m_Lookup
-                                   ? std::min<uint32_t>(m_Lookup(event.m_InterfaceIndex, mac), 8)
-                                   : 0;
-    memcpy(record.m_Record + Record::kInterfaceMacLen.m_Offset, &macLength, sizeof macLength);
-    memcpy(record.m_Record + Record::kInterfaceMac.m_Offset, mac, sizeof mac);
     return true;
 }
 

@@ -1,7 +1,8 @@
 // CNflogParser: turns the packet filter's NFLOG messages, as one read of the
 // netlink socket gave them, into driver records (the packet event record of
-// driver/record, with the interface's hardware address added). Every length is checked before it is read; a message that is not a
-// well-formed NFLOG packet of the project's ruleset is counted as dropped.
+// driver/record, as the capture replay makes it too). Every length is checked before it is
+// read; a message that is not a well-formed NFLOG packet of the project's ruleset is counted as
+// dropped.
 //
 // Threads: used by the one thread that reads the source; no lock.
 #pragma once

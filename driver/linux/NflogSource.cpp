@@ -15,6 +15,7 @@
 
 #include <chrono>
 
+#include "driver/linux/ServiceList.h"
 #include "host/NorviRecord.h"
 
 namespace NORVI {
@@ -37,32 +38,6 @@ int64_t NowMs() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
-}
-
-// The allowed services "tcp:22,tcp:80,udp:53" as two port lists.
-bool ParseServicePorts(const std::string& text, std::vector<uint16_t>& tcp,
-                       std::vector<uint16_t>& udp, std::string& error) {
-    size_t position = 0;
-    while (position < text.size()) {
-        size_t end = text.find(',', position);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        const std::string item = text.substr(position, end - position);
-        const size_t colon = item.find(':');
-        const std::string protocol = item.substr(0, colon);
-        const std::string port = colon == std::string::npos ? "" : item.substr(colon + 1);
-        char* stop = nullptr;
-        const unsigned long value = strtoul(port.c_str(), &stop, 10);
-        if ((protocol != "tcp" && protocol != "udp") || port.empty() || *stop != '\0' ||
-            value == 0 || value > 65535) {
-            error = "bad service \"" + item.substr(0, 32) + "\" (want tcp:<port> or udp:<port>)";
-            return false;
-        }
-        (protocol == "tcp" ? tcp : udp).push_back(static_cast<uint16_t>(value));
-        position = end + 1;
-    }
-    return true;
 }
 
 }  // namespace
@@ -90,10 +65,8 @@ std::unique_ptr<CNflogSource> CNflogSource::Open(const SourceOptions& options, s
         error = "NFLOG group " + std::to_string(options.m_NflogGroup) + " is not in 0 to 65535";
         return nullptr;
     }
-    std::vector<uint16_t> tcpPorts;
-    std::vector<uint16_t> udpPorts;
-    if (options.m_InstallRuleset &&
-        !ParseServicePorts(options.m_Services, tcpPorts, udpPorts, error)) {
+    CServiceList services;
+    if (options.m_InstallRuleset && !services.Parse(options.m_Services, error)) {
         return nullptr;
     }
     std::unique_ptr<CNflogSource> source(new CNflogSource);
@@ -103,7 +76,8 @@ std::unique_ptr<CNflogSource> CNflogSource::Open(const SourceOptions& options, s
     }
     if (options.m_InstallRuleset) {
         auto ruleset = std::make_unique<CNftRuleset>();
-        if (ruleset->Install(options.m_NflogGroup, tcpPorts, udpPorts, error) != 0) {
+        if (ruleset->Install(options.m_NflogGroup, services.TcpPorts(), services.UdpPorts(),
+                             error) != 0) {
             error = "the ruleset could not be installed: " + error;
             return nullptr;
         }

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -34,6 +35,7 @@ struct norvi_handle {
     std::unique_ptr<CRecordSource> m_Source;
     std::unique_ptr<NORVI::CNftRuleset> m_Ruleset;  // made at the first block
     std::vector<uint8_t> m_RequestData;             // the data of the request handed out last
+    std::deque<std::string> m_KeyLog;               // key log lines not yet taken
 };
 
 namespace {
@@ -117,13 +119,14 @@ norvi_handle_t norvi_open_source(const NORVI::SourceOptions* options) {
             LibraryError(EINVAL, "norvi_open_source: no options");
             return nullptr;
         }
-        if (options->m_NflogGroup < 0) {
-            LibraryError(EINVAL, "norvi_open_source: no NFLOG group given");
+        if (options->m_NflogGroup < 0 && options->m_CapturePath.empty()) {
+            LibraryError(EINVAL, "norvi_open_source: neither an NFLOG group nor a capture given");
             return nullptr;
         }
         std::string error;
         auto handle = std::make_unique<norvi_handle>();
-        handle->m_Source = NORVI::CreateNflogSource(*options, error);
+        handle->m_Source = options->m_NflogGroup >= 0 ? NORVI::CreateNflogSource(*options, error)
+                                                      : NORVI::CreateCaptureSource(*options, error);
         if (handle->m_Source == nullptr) {
             LibraryError(EIO, "norvi_open_source: " + error);
             return nullptr;
@@ -307,6 +310,37 @@ int norvi_source_counters(norvi_handle_t handle, NORVI::SourceCounters* out) {
     }
     *out = handle->m_Source->Counters();
     return 0;
+}
+
+long norvi_take_keylog(norvi_handle_t handle, char* buffer, size_t size, uint64_t* failed) {
+    if (!IsOpen(handle, "norvi_take_keylog") || handle->m_Source == nullptr || buffer == nullptr ||
+        failed == nullptr) {
+        return -1;
+    }
+    try {
+        for (std::string& line : handle->m_Source->TakeKeyLog(*failed)) {
+            handle->m_KeyLog.push_back(std::move(line));
+        }
+        size_t used = 0;
+        while (!handle->m_KeyLog.empty()) {
+            const std::string& line = handle->m_KeyLog.front();
+            if (line.size() + 1 > size) {
+                handle->m_KeyLog.pop_front();  // no buffer could take it
+                continue;
+            }
+            if (used + line.size() + 1 > size) {
+                break;
+            }
+            memcpy(buffer + used, line.data(), line.size());
+            used += line.size();
+            buffer[used++] = '\n';
+            handle->m_KeyLog.pop_front();
+        }
+        return static_cast<long>(used);
+    } catch (const std::bad_alloc&) {
+        HandleError(handle, ENOMEM, "norvi_take_keylog: out of memory");
+        return -1;
+    }
 }
 
 int norvi_listen_ssl(const char* path) {

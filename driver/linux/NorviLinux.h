@@ -4,7 +4,8 @@
 //
 // Records: a handle made by norvi_open_source reads the packet filter's NFLOG
 // group live (options.m_NflogGroup >= 0, optionally installing the project's
-// ruleset, which the handle removes again when it closes).
+// ruleset, which the handle removes again when it closes), or replays a
+// capture file through the model of that ruleset (options.m_CapturePath).
 //
 // SSL requests: norvi_listen_ssl starts the process's SSL request socket (one
 // per process); norvi_get_ssl_request on any handle takes the requests that
@@ -34,6 +35,11 @@ norvi_handle_t norvi_open_source(const NORVI::SourceOptions* options);
 int norvi_next_record(norvi_handle_t handle, int timeoutMs, NORVI::SourceRecord* out);
 // 0 with the source's counters; non-zero for a handle without a source.
 int norvi_source_counters(norvi_handle_t handle, NORVI::SourceCounters* out);
+// The replay's key log lines made since the last call, whole lines each
+// ending in a newline, as many as fit into buffer; failed gets the number of
+// SSL requests that failed so far. 0 when none are left, -1 for a handle
+// without a source.
+long norvi_take_keylog(norvi_handle_t handle, char* buffer, size_t size, uint64_t* failed);
 // Starts the SSL request socket at path (0), or stops it when path is null or
 // empty. A second path while one is served is refused (EBUSY); the same path
 // again is 0. An errno value otherwise, with norvi_get_error(NULL, ...).

@@ -80,6 +80,7 @@ public:
         }
     }
     bool Started() const { return m_Pid > 0; }
+    pid_t Pid() const { return m_Pid; }
 
 private:
     pid_t m_Pid = -1;

@@ -139,8 +139,8 @@ protected:
         ASSERT_GE(record.m_Data.size(), 20u);
         EXPECT_EQ(record.m_Data.size(), Field<uint16_t>(record, 76));
         EXPECT_EQ(record.m_Data.size(), Field<uint32_t>(record, 52));
-        EXPECT_EQ(0u, Field<uint16_t>(record, 58));  // no packet block of its own
-        EXPECT_TRUE(record.m_Packet.empty());
+        EXPECT_EQ(record.m_Data.size(), Field<uint16_t>(record, 58));
+        EXPECT_EQ(record.m_Data, record.m_Packet);
         EXPECT_EQ(0, memcmp(record.m_Record + 120, record.m_Data.data(), 20));
     }
 

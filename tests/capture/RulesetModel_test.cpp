@@ -1,0 +1,175 @@
+// The ruleset model on packet sequences that the sample capture lacks: each
+// case is a short exchange between the host (10.0.0.1, fd00::1, services
+// tcp:22 and udp:53) and a peer, with the verdict of each packet.
+#include <arpa/inet.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "driver/capture/RulesetModel.h"
+
+namespace {
+
+using NORVI::CPacketView;
+using NORVI::CRulesetModel;
+
+constexpr uint8_t FIN = 0x01, SYN = 0x02, RST = 0x04, PSH = 0x08, ACK = 0x10, URG = 0x20;
+const char* const kHost = "10.0.0.1";
+const char* const kPeer = "10.0.0.2";
+
+std::vector<uint8_t> Ip(const char* source, const char* destination, uint8_t protocol,
+                        const std::vector<uint8_t>& payload) {
+    const bool ipv6 = strchr(source, ':') != nullptr;
+    std::vector<uint8_t> packet(ipv6 ? 40 : 20, 0);
+    if (ipv6) {
+        packet[0] = 0x60;
+        packet[4] = uint8_t(payload.size() >> 8);
+        packet[5] = uint8_t(payload.size());
+        packet[6] = protocol;
+        inet_pton(AF_INET6, source, &packet[8]);
+        inet_pton(AF_INET6, destination, &packet[24]);
+    } else {
+        packet[0] = 0x45;
+        packet[2] = uint8_t((20 + payload.size()) >> 8);
+        packet[3] = uint8_t(20 + payload.size());
+        packet[9] = protocol;
+        inet_pton(AF_INET, source, &packet[12]);
+        inet_pton(AF_INET, destination, &packet[16]);
+    }
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    return packet;
+}
+
+std::vector<uint8_t> Tcp(const char* source, const char* destination, uint16_t sport,
+                         uint16_t dport, uint8_t flags) {
+    std::vector<uint8_t> tcp(20, 0);
+    tcp[0] = uint8_t(sport >> 8), tcp[1] = uint8_t(sport);
+    tcp[2] = uint8_t(dport >> 8), tcp[3] = uint8_t(dport);
+    tcp[12] = 0x50;
+    tcp[13] = flags;
+    return Ip(source, destination, 6, tcp);
+}
+
+std::vector<uint8_t> Udp(const char* source, const char* destination, uint16_t sport,
+                         uint16_t dport) {
+    return Ip(
+        source, destination, 17,
+        {uint8_t(sport >> 8), uint8_t(sport), uint8_t(dport >> 8), uint8_t(dport), 0, 8, 0, 0});
+}
+
+// An ICMP (or ICMPv6) message of type with identifier 7, or quoting a packet.
+std::vector<uint8_t> Icmp(const char* source, const char* destination, uint8_t type,
+                          const std::vector<uint8_t>& quoted = {}) {
+    std::vector<uint8_t> icmp = {type, 0, 0, 0, 0, 7, 0, 1};
+    icmp.insert(icmp.end(), quoted.begin(), quoted.end());
+    return Ip(source, destination, strchr(source, ':') ? 58 : 1, icmp);
+}
+
+struct Step {
+    std::vector<uint8_t> m_Packet;
+    uint32_t m_Rule;  // 0: no record
+    uint64_t m_Second = 0;
+};
+
+void Expect(const char* name, const std::vector<Step>& steps) {
+    SCOPED_TRACE(name);
+    CRulesetModel model;
+    NORVI::CServiceList services;
+    std::string error;
+    ASSERT_TRUE(services.Parse("tcp:22, udp:53", error)) << error;
+    ASSERT_TRUE(model.Configure({kHost, "fd00::1"}, services, error)) << error;
+    for (size_t index = 0; index < steps.size(); ++index) {
+        CPacketView view;
+        ASSERT_EQ(CPacketView::Parse::Ok,
+                  view.Read(steps[index].m_Packet.data(), steps[index].m_Packet.size()));
+        const NORVI::RuleVerdict* verdict = nullptr;
+        const auto decision = model.Judge(view, steps[index].m_Second * 1000000, verdict);
+        const uint32_t rule = decision == CRulesetModel::Decision::Record ? verdict->m_Id : 0;
+        EXPECT_EQ(steps[index].m_Rule, rule) << "step " << index;
+    }
+}
+
+TEST(RulesetModel, FlagRulesComeFirstInTheirOrder) {
+    Expect("flags", {{Tcp(kPeer, kHost, 1000, 22, 0), NORVI::kRuleTcpNull},
+                     {Tcp(kPeer, kHost, 1000, 22, FIN | PSH | URG | SYN), NORVI::kRuleTcpXmas},
+                     {Tcp(kPeer, kHost, 1000, 22, SYN | FIN), NORVI::kRuleTcpSynFin},
+                     {Tcp(kPeer, kHost, 1000, 22, SYN | RST), NORVI::kRuleTcpSynRst},
+                     {Tcp(kPeer, kHost, 1000, 22, FIN), NORVI::kRuleTcpFinNoAck},
+                     {Tcp(kPeer, kHost, 1000, 22, PSH), NORVI::kRuleTcpPshNoAck},
+                     {Tcp(kPeer, kHost, 1000, 22, URG), NORVI::kRuleTcpUrgNoAck},
+                     // Even inside an established connection.
+                     {Tcp(kPeer, kHost, 1001, 22, SYN), NORVI::kRuleServiceAllowed},
+                     {Tcp(kHost, kPeer, 22, 1001, SYN | ACK), 0},
+                     {Tcp(kPeer, kHost, 1001, 22, PSH), NORVI::kRuleTcpPshNoAck},
+                     {Tcp(kPeer, kHost, 1001, 22, PSH | ACK), 0}});
+}
+
+TEST(RulesetModel, StrayTcpIsInvalidOrNewNotSynAsConnectionTrackingSeesIt) {
+    Expect("stray", {{Tcp(kPeer, kHost, 1000, 22, SYN | ACK), NORVI::kRuleConntrackInvalid},
+                     {Tcp(kPeer, kHost, 1000, 22, RST), NORVI::kRuleConntrackInvalid},
+                     {Tcp(kPeer, kHost, 1000, 22, FIN | ACK), NORVI::kRuleConntrackInvalid},
+                     {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},
+                     {Tcp(kPeer, kHost, 1000, 22, PSH | ACK), NORVI::kRuleTcpNewNotSyn},
+                     {Tcp(kPeer, kHost, 1000, 23, SYN), NORVI::kRuleDenyTcp},
+                     // A denied SYN opens nothing.
+                     {Tcp(kPeer, kHost, 1000, 23, ACK), NORVI::kRuleTcpNewNotSyn}});
+}
+
+TEST(RulesetModel, ConnectionsAreNewUntilTheFirstReplyAndEndOnRstOrFin) {
+    Expect("lifecycle",
+           {{Tcp(kPeer, kHost, 1000, 22, SYN), NORVI::kRuleServiceAllowed},
+            {Tcp(kPeer, kHost, 1000, 22, SYN), NORVI::kRuleServiceAllowed},  // no reply yet
+            {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},
+            {Tcp(kHost, kPeer, 22, 1000, SYN | ACK), 0},
+            {Tcp(kPeer, kHost, 1000, 22, ACK), 0},
+            {Tcp(kPeer, kHost, 1000, 22, RST | ACK), 0},
+            {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},  // ended by RST
+            {Tcp(kPeer, kHost, 2000, 22, SYN), NORVI::kRuleServiceAllowed},
+            {Tcp(kHost, kPeer, 22, 2000, SYN | ACK), 0},
+            {Tcp(kPeer, kHost, 2000, 22, FIN | ACK), 0},
+            {Tcp(kHost, kPeer, 22, 2000, FIN | ACK), 0},
+            {Tcp(kPeer, kHost, 2000, 22, ACK), 0},                           // the last ACK
+            {Tcp(kPeer, kHost, 2000, 22, SYN), NORVI::kRuleServiceAllowed},  // opened again
+            // The host's own connections: answers are established.
+            {Tcp(kHost, kPeer, 3000, 80, SYN), 0},
+            {Tcp(kPeer, kHost, 80, 3000, SYN | ACK), 0},
+            {Tcp(kPeer, kHost, 80, 3000, PSH | ACK), 0}});
+}
+
+TEST(RulesetModel, UdpIcmpOtherProtocolsAndIdleEntries) {
+    const std::vector<uint8_t> query = Udp(kHost, kPeer, 5000, 53);
+    Expect("udp and icmp",
+           {{Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed},
+            {Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed},
+            {Udp(kHost, kPeer, 53, 4000), 0},
+            {Udp(kPeer, kHost, 4000, 53), 0},
+            {Udp(kPeer, kHost, 4000, 54), NORVI::kRuleDenyUdp},
+            {query, 0},
+            {Icmp(kPeer, kHost, 3, query), 0},  // related to the host's query
+            {Icmp(kPeer, kHost, 3, Udp(kHost, kPeer, 5001, 53)), NORVI::kRuleConntrackInvalid},
+            {Icmp(kPeer, kHost, 11, {0x45, 0}), NORVI::kRuleConntrackInvalid},  // quote cut short
+            {Icmp(kPeer, kHost, 8), NORVI::kRuleDenyIcmp},
+            {Icmp(kPeer, kHost, 0), NORVI::kRuleConntrackInvalid},
+            {Icmp(kHost, kPeer, 8), 0},
+            {Icmp(kPeer, kHost, 0), 0},
+            {Ip(kPeer, kHost, 47, {0, 0, 0, 0}), NORVI::kRuleDenyOther},
+            // Idle past connection tracking's timeout, the UDP entry is gone.
+            {Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed, 400},
+            // Not the host's: neither to nor from it.
+            {Tcp(kPeer, "10.0.0.3", 1000, 22, 0), 0}});
+}
+
+TEST(RulesetModel, Ipv6FollowsTheSameRulesAndLetsNeighbourDiscoveryPass) {
+    Expect("ipv6", {{Icmp("fd00::2", "fd00::1", 135), 0},
+                    {Icmp("fd00::2", "fd00::1", 128), NORVI::kRuleDenyIcmp},
+                    {Icmp("fd00::2", "fd00::1", 130), NORVI::kRuleConntrackInvalid},
+                    {Tcp("fd00::2", "fd00::1", 1000, 22, SYN), NORVI::kRuleServiceAllowed},
+                    {Tcp("fd00::1", "fd00::2", 22, 1000, SYN | ACK), 0},
+                    {Tcp("fd00::2", "fd00::1", 1000, 22, ACK), 0},
+                    {Tcp("fd00::2", "fd00::1", 1000, 23, FIN | PSH | URG), NORVI::kRuleTcpXmas},
+                    {Udp("fd00::2", "fd00::1", 1000, 54), NORVI::kRuleDenyUdp}});
+}
+
+}  // namespace
