@@ -10,9 +10,9 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 capture_dir=$here/examples/capture
 capture=$(ls "$capture_dir"/*.pcapng "$capture_dir"/*.pcap 2>/dev/null | head -n 1)
 keys=$(ls "$capture_dir"/*.xml | head -n 1)
-# The capture's server address and its allowed services.
-# shellcheck source=/dev/null
-source "$capture_dir/capture.env"
+# The capture's host addresses and its allowed services.
+# shellcheck source=examples/sample-capture.env
+source "$here/examples/sample-capture.env"
 
 work=$(mktemp -d /tmp/vexil-demo-XXXXXX)
 rsyslog_pid=

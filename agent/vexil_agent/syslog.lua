@@ -1,12 +1,17 @@
 -- Syslog delivery: RFC 5424 messages over a Unix datagram socket, UDP, or TCP
 -- with octet-counted framing (RFC 6587).
 --
--- Every send is non-blocking: a receiver that is down or slow costs a counted
--- drop, never a stall of the record path. A TCP sender keeps a bounded queue
--- of whole frames and reconnects (at most once a second) when the receiver
--- comes back. A message that does not fit the size limit is cut at a UTF-8
--- character boundary and counted. A TCP sender ignores SIGPIPE for the whole
--- process: a receiver that goes away must end a send, not the program.
+-- Every send is non-blocking: a receiver that is down costs a counted drop,
+-- never a stall of the record path. A receiver that is only slow to empty its
+-- queue gets a short, bounded wait (DATAGRAM_WAIT_MS) before a datagram is
+-- dropped, and none while it stays behind. Datagram sockets are connected, so
+-- that a receiver that has gone shows as an error and a new one is found
+-- again. A TCP sender keeps a bounded queue of whole frames. Both reconnect
+-- at most once a second. A message that does not fit the size limit is cut at
+-- a UTF-8 character boundary and counted. A sender ignores SIGPIPE for the
+-- whole process: a receiver that goes away must end a send, not the program.
+--
+-- A sender belongs to the thread that made it.
 local socket = require "posix.sys.socket"
 local fcntl = require "posix.fcntl"
 local unistd = require "posix.unistd"
@@ -22,6 +27,8 @@ local TRANSPORT_LIMIT = { udp = 65507, unix = 65536, tcp = 65536 }
 -- Bytes of whole frames that a TCP sender queues while the receiver is slow
 -- or away.
 local TCP_QUEUE_LIMIT = 1024 * 1024
+-- How long a datagram waits for room in a slow receiver's queue.
+local DATAGRAM_WAIT_MS = 50
 
 local function now()
   local t = ptime.clock_gettime(ptime.CLOCK_MONOTONIC)
@@ -75,14 +82,7 @@ function syslog.new(destination, settings)
     end
     self.address = { family = found[1].family, addr = found[1].addr, port = destination.port }
   end
-  if self.transport == "tcp" then
-    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
-  else
-    local fd, reason = socket.socket(self.address.family, socket.SOCK_DGRAM, 0)
-    if not fd then return nil, "cannot make a syslog socket: " .. reason end
-    nonblocking(fd)
-    self.fd = fd
-  end
+  signal.signal(signal.SIGPIPE, signal.SIG_IGN)
   return self
 end
 
@@ -105,8 +105,7 @@ end
 function Sender:send(text, severity, seconds, microseconds, msgid)
   local message = self:format(text, severity, seconds, microseconds, msgid)
   if self.transport == "tcp" then return self:queue_frame(#message .. " " .. message) end
-  local sent = socket.sendto(self.fd, message, self.address)
-  if sent == #message then
+  if self:send_datagram(message) then
     self.sent = self.sent + 1
     return true
   end
@@ -114,16 +113,38 @@ function Sender:send(text, severity, seconds, microseconds, msgid)
   return false
 end
 
+function Sender:send_datagram(message)
+  if not self.fd and not self:connect() then return false end
+  local sent, _, code = socket.send(self.fd, message)
+  if not sent and (code == errno.EAGAIN or code == errno.EWOULDBLOCK) and not self.behind then
+    -- The receiver's queue is full: wait a little for room, once.
+    if poll.poll({ [self.fd] = { events = { OUT = true } } }, DATAGRAM_WAIT_MS) == 1 then
+      sent, _, code = socket.send(self.fd, message)
+    end
+  end
+  if sent == #message then
+    self.behind = false
+    return true
+  end
+  if code == errno.EAGAIN or code == errno.EWOULDBLOCK or code == errno.ENOBUFS then
+    self.behind = true
+  elseif code ~= errno.EMSGSIZE then
+    self:disconnect()  -- the receiver has gone (or is not there yet)
+  end
+  return false
+end
+
 function Sender:connect()
   local t = now()
   if t < self.next_connect then return false end
   self.next_connect = t + 1
-  local fd = socket.socket(self.address.family, socket.SOCK_STREAM, 0)
+  local kind = self.transport == "tcp" and socket.SOCK_STREAM or socket.SOCK_DGRAM
+  local fd = socket.socket(self.address.family, kind, 0)
   if not fd then return false end
   nonblocking(fd)
   local ok, _, code = socket.connect(fd, self.address)
-  if ok or code == errno.EINPROGRESS then
-    self.fd, self.connecting = fd, not ok
+  if ok or (kind == socket.SOCK_STREAM and code == errno.EINPROGRESS) then
+    self.fd, self.connecting, self.behind = fd, not ok, false
     return true
   end
   unistd.close(fd)
@@ -135,7 +156,7 @@ function Sender:disconnect()
   self.fd, self.connecting = nil, false
   -- A frame cut off in the middle is lost; the receiver sees it never began
   -- on the next connection, which starts with a whole frame.
-  if self.offset > 0 then
+  if self.transport == "tcp" and self.offset > 0 then
     local frame = table.remove(self.queue, 1)
     self.queued = self.queued - #frame
     self.offset = 0

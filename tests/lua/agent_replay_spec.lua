@@ -29,18 +29,19 @@ end
 local capture = first_line("ls " .. CAPTURE_DIR .. "/*.pcapng " .. CAPTURE_DIR .. "/*.pcap 2>/dev/null")
 local keys = first_line("ls " .. CAPTURE_DIR .. "/*.xml 2>/dev/null")
 
--- The server's address: the one SSL host configuration of the keys.
-local function server_address()
-  local text = support.read(keys)
-  return text:match('specificIP="([^"]+)"')
+-- The capture's host addresses and services, as the demo takes them.
+local facts = {}
+for key, value in (support.read(SOURCE .. "/examples/sample-capture.env") or ""):gmatch("\n(%u[%u_]*)=(%S+)") do
+  facts[key] = value
 end
 
 -- Runs the agent on the capture from the repository's top (the keys name
 -- their key file from there); the decoded summary and the standard error.
 local function replay(folder, extra)
   local command = string.format(
-    "cd %s && %s --pcap %s --host %s --services tcp:443 --keys %s --logs %s/logs --json %s " ..
-    "2>%s/err", SOURCE, AGENT, capture, server_address(), keys, folder, extra or "", folder)
+    "cd %s && %s --pcap %s --host %s --services %s --keys %s --logs %s/logs --json %s " ..
+    "2>%s/err", SOURCE, AGENT, capture, facts.VEXIL_CAPTURE_HOST, facts.VEXIL_CAPTURE_SERVICES, keys,
+    folder, extra or "", folder)
   local summary = json.decode(output_of(command))
   return summary, support.read(folder .. "/err")
 end
@@ -89,9 +90,10 @@ describe("vexil-agent replay", function()
       pending("tshark is not installed: the decryption is not checked")
       return
     end
-    local fields = "-T fields -e ip.src -e http.request.method -e http.request.uri -Y http.request"
+    local fields = "-T fields -e ip.src -e http.request.method -e http.request.uri " ..
+                   "-Y 'tcp.port == 443 && http.request'"
     local plain = output_of(string.format("tshark -r %s %s 2>/dev/null", capture, fields))
-    assert.are.equal("", plain, "without the key log nothing is readable")
+    assert.are.equal("", plain, "without the key log the session is not readable")
     local decrypted = output_of(string.format("tshark -r %s -o tls.keylog_file:%s/keys.log %s 2>/dev/null",
                                               capture, folder, fields))
     local client, method = decrypted:match("^(%S+)\t(%u+)\t")
@@ -116,7 +118,9 @@ describe("vexil-agent replay", function()
         { "unix", "unix:" .. receiver.socket }, { "udp", "udp:127.0.0.1:" .. receiver.udp },
         { "tcp", "tcp:127.0.0.1:" .. receiver.tcp }, { "tcp-cef", "tcp:127.0.0.1:" .. receiver.tcp .. " --cef" },
       } do
-        local run, runErr = replay(folder .. "/" .. case[1], "--syslog " .. case[2])
+        local runFolder = folder .. "/" .. case[1]
+        os.execute("mkdir -p " .. runFolder)
+        local run, runErr = replay(runFolder, "--syslog " .. case[2])
         assert.is_table(run, runErr)
         assert.are.same({ run.accepted, 0 }, { run.syslog.sent, run.syslog.dropped })
         messages[case[1]] = run.accepted
