@@ -7,12 +7,11 @@ set -euo pipefail
 
 build=${1:-build}
 here=$(cd "$(dirname "$0")/.." && pwd)
-capture_dir=$here/examples/capture
-capture=$(ls "$capture_dir"/*.pcapng "$capture_dir"/*.pcap 2>/dev/null | head -n 1)
-keys=$(ls "$capture_dir"/*.xml | head -n 1)
-# The capture's host addresses and its allowed services.
+# The capture, its keys, its host addresses and allowed services.
 # shellcheck source=examples/sample-capture.env
 source "$here/examples/sample-capture.env"
+capture=$here/$VEXIL_CAPTURE
+keys=$here/$VEXIL_CAPTURE_KEYS
 
 work=$(mktemp -d /tmp/vexil-demo-XXXXXX)
 rsyslog_pid=
@@ -58,7 +57,7 @@ cat "$work/keys.log"
 
 if command -v tshark >/dev/null; then
     section "the HTTPS request, decrypted by tshark with the key log alone"
-    tshark -r "$capture" -o "tls.keylog_file:$work/keys.log" -Y http 2>/dev/null
+    tshark -r "$capture" -o "tls.keylog_file:$work/keys.log" -Y 'http && tcp.port == 443' 2>/dev/null
 else
     section "tshark is not installed: the decryption is not shown"
 fi

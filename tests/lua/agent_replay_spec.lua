@@ -10,7 +10,6 @@ local SOURCE = os.getenv("VEXIL_SOURCE_DIR")
 -- The agent runs on the Linux driver library beside the host core, not on
 -- the stand-in that the other specs are given.
 local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
-local CAPTURE_DIR = SOURCE .. "/examples/capture"
 
 local function first_line(command)
   local pipe = io.popen(command)
@@ -26,14 +25,13 @@ local function output_of(command)
   return text
 end
 
-local capture = first_line("ls " .. CAPTURE_DIR .. "/*.pcapng " .. CAPTURE_DIR .. "/*.pcap 2>/dev/null")
-local keys = first_line("ls " .. CAPTURE_DIR .. "/*.xml 2>/dev/null")
-
--- The capture's host addresses and services, as the demo takes them.
+-- The capture, its keys, host addresses and services, as the demo takes them.
 local facts = {}
 for key, value in (support.read(SOURCE .. "/examples/sample-capture.env") or ""):gmatch("\n(%u[%u_]*)=(%S+)") do
   facts[key] = value
 end
+local capture = facts.VEXIL_CAPTURE and SOURCE .. "/" .. facts.VEXIL_CAPTURE
+local keys = facts.VEXIL_CAPTURE_KEYS and SOURCE .. "/" .. facts.VEXIL_CAPTURE_KEYS
 
 -- Runs the agent on the capture from the repository's top (the keys name
 -- their key file from there); the decoded summary and the standard error.
@@ -47,7 +45,7 @@ local function replay(folder, extra)
 end
 
 describe("vexil-agent replay", function()
-  if not capture or not keys then
+  if not capture or not support.read(capture) or not support.read(keys) then
     pending("the sample capture and its keys are not in examples/capture")
     return
   end
