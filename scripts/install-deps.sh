@@ -13,9 +13,10 @@ packages=(
   libpcap-dev
   libnetfilter-log-dev libmnl-dev libnftables-dev nftables iproute2
   nmap ulogd2 python3 curl netcat-openbsd
+  tcpdump tshark wireshark-common coreutils
   gettext
   lua-posix lua-dkjson
-  rsyslog tshark
+  rsyslog
 )
 
 missing=()

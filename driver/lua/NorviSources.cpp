@@ -33,8 +33,10 @@ const OptionKey kOptionKeys[] = {
 // The string at the top of the stack for the key name (argument 1), popped.
 std::string PopString(lua_State* L, const char* name) {
     size_t length = 0;
+    // Tested before lua_tolstring, which would turn a number into a string.
+    const bool isString = lua_type(L, -1) == LUA_TSTRING;
     const char* const text = lua_tolstring(L, -1, &length);
-    if (lua_type(L, -1) != LUA_TSTRING || strlen(text) != length) {
+    if (!isString || strlen(text) != length) {
         luaL_argerror(L, 1, lua_pushfstring(L, "'%s' must be a string without NUL bytes", name));
     }
     std::string value(text, length);
@@ -44,8 +46,9 @@ std::string PopString(lua_State* L, const char* name) {
 
 // The whole number at the top of the stack within [low, high], popped.
 lua_Number PopNumber(lua_State* L, const char* name, lua_Number low, lua_Number high) {
-    const lua_Number value =
-        CheckWholeNumber(L, lua_gettop(L), 1, lua_pushfstring(L, "'%s'", name), low, high);
+    const int index = lua_gettop(L);
+    const char* const what = lua_pushfstring(L, "'%s'", name);
+    const lua_Number value = CheckWholeNumber(L, index, 1, what, low, high);
     lua_pop(L, 2);
     return value;
 }

@@ -45,6 +45,21 @@ describe("norvi", function()
         assert.equal("norvi handle (closed)", tostring(handle))
     end)
 
+    it("says that the stand-in has no record sources and no SSL socket", function()
+        local handle = norvi.open()
+        for _, call in ipairs {
+            function() return norvi.open { pcap = "x.pcap", host = "10.0.0.1" } end,
+            function() return norvi.listen_ssl("/tmp/none.sock") end,
+            function() return handle:next() end,
+            function() return handle:keylog() end,
+        } do
+            local ok, message = pcall(call)
+            assert.is_false(ok)
+            assert.truthy(message:find("this driver library has no record sources"), message)
+        end
+        handle:close()
+    end)
+
     it("controls take integer result codes and SSL requests of the right shape", function()
         norvi.SetBlacklistResult(0)
         norvi.SubmitSslRequest(string.rep("h", 80), string.rep("d", 65456))

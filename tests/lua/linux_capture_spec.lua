@@ -1,0 +1,105 @@
+-- The record sources from a script, against the Linux library: the bundled
+-- capture replayed through norvi.open{pcap = ...}, its TLS session's key
+-- exchange answered by vexil.SSLCertThread over norvi.listen_ssl with the
+-- bundled security configuration, and the argument checks of norvi.open.
+local norv = require "norv"
+assert(require "vexil" == true)
+local norvi = require "norvi"
+local support = require "support"
+
+local source = os.getenv("VEXIL_SOURCE_DIR") or "."
+local sample = source .. "/examples/capture/sample.pcapng"
+
+local function replay(options)
+  local base = { pcap = sample, host = { "10.77.0.1", "fd77::1" },
+                 services = "tcp:80,tcp:443,udp:53", interface = 4 }
+  for key, value in pairs(options or {}) do base[key] = value end
+  return norvi.open(base)
+end
+
+-- The little-endian number of width bytes at offset (from 0) of a record.
+local function field(record, offset, width)
+  local value = 0
+  for index = width, 1, -1 do value = value * 256 + record:byte(offset + index) end
+  return value
+end
+
+describe("norvi replay", function()
+  it("gives each record with its data and packet, then the end, and counts them", function()
+    local h = assert(replay())
+    local count, rules = 0, {}
+    while true do
+      local record, data, packet = h:next(100)
+      if not record then
+        assert.equal("end", data)
+        break
+      end
+      count = count + 1
+      assert.equal(192, #record)
+      assert.equal(data, packet)
+      assert.equal(#data, field(record, 76, 2))
+      assert.equal(4, field(record, 28, 4))
+      local id = field(record, 24, 4)
+      rules[id] = (rules[id] or 0) + 1
+    end
+    assert.same({ nil, "end" }, { h:next() })
+    assert.same({ records = count, lost = 0, gaps = 0, dropped = 0 }, h:counters())
+    assert.is_true(rules[30] >= 3)  -- benign HTTP, DNS, TLS, and the scans' SYNs to 80 and 443
+    assert.is_true(rules[40] >= 399)
+    assert.same({ {}, 0 }, { h:keylog() })
+    h:close()
+  end)
+
+  it("turns the TLS session's key exchange into a key log line through the key service", function()
+    local folder = support.tempdir()
+    local socket = folder .. "/ssl.sock"
+    assert.is_true(norvi.listen_ssl(socket))
+    local dom = SLB.norv.Dom(":memory:")
+    dom:SetConfigXml(support.read(source .. "/examples/capture/security.xml"))
+    local service = SLB.vexil.SSLCertThread(dom)
+    service:start(0, true, 0)
+    local h = assert(replay { ssl_socket = socket, ssl_hosts = { { address = "10.77.0.1", id = 7 } } })
+    while h:next() do end
+    local lines, failed = h:keylog()
+    assert.equal(0, failed)
+    assert.equal(1, #lines)
+    assert.truthy(lines[1]:match("^RSA %x+ 0303%x+$") and #lines[1] == 4 + 16 + 1 + 96, lines[1])
+    assert.same({ {}, 0 }, { h:keylog() })
+    h:close()
+    service:StopThread("spec")
+    norvi.listen_ssl("")
+    support.remove(folder)
+  end)
+
+  it("refuses wrong options as argument errors, and sources that cannot start with a reason", function()
+    local wrong = {
+      { { pcap = 1 }, "'pcap' must be a string" },
+      { { pcap = sample, nflog = 1 }, "either 'nflog' %(live%) or 'pcap'" },
+      { {}, "either 'nflog' %(live%) or 'pcap'" },
+      { { pcap = sample, install = true }, "options of the live source" },
+      { { nflog = 1, host = "10.0.0.1" }, "options of a replay" },
+      { { pcap = sample, colour = "red" }, "unknown option 'colour'" },
+      { { pcap = sample, interface = 1.5 }, "'interface' must be an integer" },
+      { { pcap = sample, host = { "10.0.0.1", 7 } }, "'host' must be a string" },
+      { { pcap = sample, ssl_hosts = { { address = "10.0.0.1" } } }, "needs an 'id'" },
+      { { pcap = sample, ssl_hosts = { { id = -1 } } }, "'id' out of range" },
+      { { pcap = sample, ssl_hosts = { { id = 1, port = 443 } } }, "only 'address' and 'id'" },
+      { { nflog = 70000 }, "'nflog' out of range" },
+    }
+    for _, case in ipairs(wrong) do
+      local ok, message = pcall(norvi.open, case[1])
+      assert.is_false(ok, case[2])
+      assert.truthy(message:find("bad argument #1") and message:find(case[2]), message)
+    end
+    local h, reason = replay { pcap = "/nonexistent.pcap" }
+    assert.is_nil(h)
+    assert.truthy(reason:find("cannot be read"), reason)
+    h, reason = replay { host = "10.0.0.300" }
+    assert.is_nil(h)
+    assert.truthy(reason:find("host address"), reason)
+    local plain = norvi.open()
+    assert.has_error(function() plain:counters() end, "calling 'counters' on bad self (the handle has no record source)")
+    plain:close()
+    assert.has_error(function() plain:next() end)
+  end)
+end)
