@@ -1,7 +1,8 @@
 -- A real rsyslog for the specs: started in the foreground on a Unix socket,
 -- a UDP and a TCP port of loopback in a temporary folder, writing every
 -- message it receives to a file, one line each, with the message kept whole;
--- stopped by its pid.
+-- stopped by its pid. UDP has no flow control, so the receiver gets a socket
+-- buffer that takes a replay's burst whole.
 local socket = require "posix.sys.socket"
 local unistd = require "posix.unistd"
 local signal = require "posix.signal"
@@ -47,7 +48,7 @@ module(load="imuxsock" SysSock.Use="off")
 module(load="imudp")
 module(load="imtcp")
 input(type="imuxsock" Socket="%s" UseSpecialParser="off" IgnoreTimestamp="off")
-input(type="imudp" address="127.0.0.1" port="%d")
+input(type="imudp" address="127.0.0.1" port="%d" rcvbufSize="16m")
 input(type="imtcp" address="127.0.0.1" port="%d")
 template(name="keep" type="string"
          string="%%inputname%%\t%%hostname%%\t%%app-name%%\t%%msgid%%\t%%timereported:::date-rfc3339%%\t%%pri%%\t%%msg%%\n")
