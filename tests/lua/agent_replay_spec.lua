@@ -102,6 +102,34 @@ describe("vexil-agent replay", function()
     end
   end)
 
+  it("reports what it could of damaged and odd captures", function()
+    -- file, exit code, records (all inbound is logged: no services), the
+    -- summary's error, records the source refused
+    local cases = {
+      { "first-packets.pcap", 0, 7, nil, 0 },
+      { "cut-short.pcapng", 1, 4, "damaged capture file", 0 },
+      { "snapped.pcap", 0, 0, nil, 38 },
+      { "not-a-capture.pcap", 2 },
+    }
+    for _, case in ipairs(cases) do
+      local runFolder = folder .. "/" .. case[1]
+      os.execute("mkdir -p " .. runFolder)
+      local command = string.format("%s --pcap %s/tests/data/%s --host %s --logs %s/logs --json " ..
+                                    "2>%s/err; echo \"exit $?\"", AGENT, SOURCE, case[1],
+                                    facts.VEXIL_CAPTURE_HOST, runFolder, runFolder)
+      local text = output_of(command)
+      assert.are.equal(case[2], tonumber(text:match("exit (%d+)\n$")), case[1])
+      local run = json.decode(text:match("^(.-)exit %d+\n$"))
+      if case[3] then
+        assert.are.same({ case[3], case[5] }, { run.records, run.source_counters.dropped }, case[1])
+        assert.is_truthy(case[4] == nil and run.error == nil or run.error:find(case[4], 1, true), case[1])
+      else
+        assert.is_nil(run, case[1])
+        assert.is_truthy(support.read(runFolder .. "/err"):find("cannot be read", 1, true))
+      end
+    end
+  end)
+
   describe("syslog", function()
     if not rsyslog.available() then
       pending("rsyslogd is not installed (Debian package rsyslog)")
