@@ -282,24 +282,39 @@ local function advance_clock(ms)
   clock.last = ms
 end
 
+-- Progress of a replay, on a terminal only: how far the driver interface has
+-- read the capture, by the position of its open file (the file is found among
+-- this process's descriptors by its inode).
 local progress = { shown = false, started = monotonic(), next = monotonic() + 2 }
-local captureSize = 0
 if o.mode == "replay" and unistd.isatty(2) == 1 then
-  local file = io.open(o.pcap, "rb")
-  captureSize = file:seek("end")
-  file:close()
+  local info = stat.stat(o.pcap)
+  progress.size, progress.inode = info.st_size, info.st_ino
 end
-local function show_progress(bytesRead)
+local function capture_position()
+  if progress.fdinfo then
+    return tonumber((read_file(progress.fdinfo) or ""):match("pos:%s*(%d+)"))
+  end
+  for name in dirent.files("/proc/self/fdinfo") do
+    local text = read_file("/proc/self/fdinfo/" .. name) or ""
+    if tonumber(text:match("ino:%s*(%d+)")) == progress.inode then
+      progress.fdinfo = "/proc/self/fdinfo/" .. name
+      return tonumber(text:match("pos:%s*(%d+)"))
+    end
+  end
+end
+local function show_progress()
   local now = monotonic()
-  if captureSize == 0 or now < progress.next then return end
-  progress.next, progress.shown = now + 0.5, true
+  if not progress.size or progress.size == 0 or now < progress.next then return end
+  progress.next = now + 0.5
+  local position = capture_position()
+  if not position then return end
+  progress.shown = true
   io.stderr:write(string.format("\r%s: %3d%% of %s, %d records/s   ", PROGRAM,
-                                math.min(100, math.floor(100 * bytesRead / captureSize)), o.pcap,
+                                math.min(100, math.floor(100 * position / progress.size)), o.pcap,
                                 math.floor(counts.records / (now - progress.started))))
 end
 
 local function replay()
-  local bytesRead = 24
   while not stopRequested do
     local record, data, packet = handle:next(0)
     if not record then
@@ -309,10 +324,9 @@ local function replay()
       local seconds, microseconds = record_facts(record)
       advance_clock(seconds * 1000 + math.floor(microseconds / 1000))
       handle_record(record, data, packet)
-      bytesRead = bytesRead + #packet + 32
       if counts.records % 256 == 0 then
         take_keylog()
-        show_progress(bytesRead)
+        show_progress()
       end
     end
   end
