@@ -175,6 +175,14 @@ if o["ssl-keylog"] then
   if not keylog then fail("cannot write the key log: " .. problem) end
 end
 
+-- From here on a stop request ends the run the clean way (the ruleset and the
+-- SSL service go, the summary comes), even while the set-up is still going.
+local stopRequested = false
+local function request_stop() stopRequested = true end
+signal.signal(signal.SIGINT, request_stop)
+signal.signal(signal.SIGTERM, request_stop)
+signal.signal(signal.SIGPIPE, signal.SIG_IGN)
+
 -- The SSL service answers the requests of this process's driver interface.
 local service, sslSocket
 if sslHosts then
@@ -213,12 +221,6 @@ if o.block == "nft" then log:SetNorvi(handle) end
 
 ---------------------------------------------------------------------------
 -- The run.
-
-local stopRequested = false
-local function request_stop() stopRequested = true end
-signal.signal(signal.SIGINT, request_stop)
-signal.signal(signal.SIGTERM, request_stop)
-signal.signal(signal.SIGPIPE, signal.SIG_IGN)
 
 local counts = { records = 0, accepted = 0 }
 local ssl = { requests = 0, answered = 0, failed = 0 }
