@@ -70,26 +70,14 @@ local function system_addresses()
   return found
 end
 
-local function mkdir_p(path)
-  local current = path:sub(1, 1) == "/" and "" or "."
-  for part in path:gmatch("[^/]+") do
-    current = current .. "/" .. part
-    if not stat.stat(current) then
-      local ok, reason = stat.mkdir(current, 493) -- 0755
-      if not ok and not stat.stat(current) then return nil, reason end
-    end
-  end
-  return true
-end
-
 -- Seconds and microseconds of a driver record (little-endian, offsets 0, 4),
 -- and whether it is a payload record (negative reason at offset 22).
 local function record_facts(record)
   local s1, s2, s3, s4, u1, u2, u3, u4 = record:byte(1, 8)
   local seconds = s1 + s2 * 256 + s3 * 65536 + s4 * 16777216
   local microseconds = u1 + u2 * 256 + u3 * 65536 + u4 * 16777216
-  local r1, r2 = record:byte(23, 24)
-  return seconds, microseconds, (r2 or 0) >= 128
+  local reasonHigh = record:byte(24)
+  return seconds, microseconds, (reasonHigh or 0) >= 128
 end
 
 ---------------------------------------------------------------------------
@@ -161,12 +149,8 @@ end
 local log = SLB.vexil.LogData(dom)
 if o.logs then log:SetLogFilePath(o.logs) end
 local folder = log:GetLogFilePath()
-do
-  local ok, reason = mkdir_p(folder)
-  if not ok or not log:InitializeLogFile() then
-    fail("cannot make the log file in " .. folder .. (reason and (": " .. reason) or ""))
-  end
-end
+-- (It makes the folder too; the host's operator log tells why it could not.)
+if not log:InitializeLogFile() then fail("cannot make the log file in " .. folder) end
 local operatorLog = io.open(folder .. "/operator.log", "ab")
 
 local keylog

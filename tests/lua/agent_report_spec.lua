@@ -1,9 +1,7 @@
 -- What the agent's summary makes of the host store's agent events: the blocks
--- that probe events stand for (refused ones included), and its JSON form.
+-- that probe events stand for (refused ones included).
 package.path = os.getenv("VEXIL_SOURCE_DIR") .. "/agent/?.lua;" .. package.path
 local report = require "vexil_agent.report"
-local json = require "vexil_agent.json"
-local dkjson = require "dkjson"
 
 local function event(number, detail) return { number = number, detail = detail } end
 
@@ -30,15 +28,5 @@ describe("agent summary", function()
     for _, case in ipairs(cases) do
       assert.are.same(case[4], setmetatable(report.blocks(case[3], config, case[2]), nil), case[1])
     end
-  end)
-
-  it("writes JSON that a parser reads back, empty arrays as arrays", function()
-    local value = { events = json.array(), text = "tab\t\"quote\" \\ ctl\1 ü", n = 3, f = 0.5,
-                    nested = { ok = false, list = json.array { 1, "two" } } }
-    local text = json.encode(value)
-    assert.is_truthy(text:find('"events":[]', 1, true))
-    local back = dkjson.decode(text)
-    assert.are.same({ "tab\t\"quote\" \\ ctl\1 ü", 3, 0.5, false, 2 },
-                    { back.text, back.n, back.f, back.nested.ok, #back.nested.list })
   end)
 end)
