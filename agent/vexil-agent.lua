@@ -189,16 +189,21 @@ if sslHosts then
   service:start(0, true, 0)
 end
 
-local openOptions = { services = o.services, ssl_socket = sslSocket, ssl_hosts = sslHosts }
+local openOptions = { services = o.services, ssl_socket = sslSocket }
 if o.mode == "replay" then
-  openOptions.pcap, openOptions.host = o.pcap, o.addresses
+  -- The replay submits the handshakes of these servers as SSL requests.
+  openOptions.pcap, openOptions.host, openOptions.ssl_hosts = o.pcap, o.addresses, sslHosts
 else
   openOptions.nflog, openOptions.install = o.nflog_group, true
 end
 local opened, handle, reason = pcall(norvi.open, openOptions)
 if not opened or not handle then
   reason = opened and reason or handle
-  if service then service:StopThread("ssl") end
+  if service then
+  service:StopThread("ssl")
+  pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
+  os.remove(sslSocket)
+end
   fail(reason)
 end
 if o.block == "nft" then log:SetNorvi(handle) end
@@ -371,7 +376,11 @@ if sslHosts then
     take_keylog()
   until ssl.answered + ssl.failed == before or monotonic() > deadline
 end
-if service then service:StopThread("ssl") end
+if service then
+  service:StopThread("ssl")
+  pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
+  os.remove(sslSocket)
+end
 if sender then sender:close(2) end
 local sourceCounters = handle:counters()
 handle:close()

@@ -19,13 +19,17 @@ local function accepts(port)
   return ok ~= nil
 end
 
--- A loopback port that is free right now.
+-- A loopback port that is free right now. (getsockname of lua-posix now and
+-- then answers without a port; it is asked again.)
 local function free_port(kind)
-  local fd = socket.socket(socket.AF_INET, kind, 0)
-  socket.bind(fd, { family = socket.AF_INET, addr = "127.0.0.1", port = 0 })
-  local port = socket.getsockname(fd).port
-  unistd.close(fd)
-  return port
+  for _ = 1, 10 do
+    local fd = socket.socket(socket.AF_INET, kind, 0)
+    socket.bind(fd, { family = socket.AF_INET, addr = "127.0.0.1", port = 0 })
+    local address = socket.getsockname(fd)
+    unistd.close(fd)
+    if address and address.port then return address.port end
+  end
+  error("no free loopback port found")
 end
 
 function rsyslog.available()
