@@ -35,17 +35,19 @@ void* RequireSymbol(lua_State* L, const char* name, const char* what);
 norvi_handle_t CheckOpenHandle(lua_State* L);
 
 // A default-constructed T in a new userdata on the stack, destroyed by the
-// collector: a C++ object that survives a Lua error without a leak.
+// collector: a C++ object that survives a Lua error without a leak. The
+// metatable is made once per type, under the given name.
 template <typename T>
-T* NewScratch(lua_State* L) {
+T* NewScratch(lua_State* L, const char* metatable) {
     void* const memory = lua_newuserdata(L, sizeof(T));
     T* const object = new (memory) T();
-    lua_createtable(L, 0, 1);
-    lua_pushcfunction(L, [](lua_State* state) -> int {
-        static_cast<T*>(lua_touserdata(state, 1))->~T();
-        return 0;
-    });
-    lua_setfield(L, -2, "__gc");
+    if (luaL_newmetatable(L, metatable)) {
+        lua_pushcfunction(L, [](lua_State* state) -> int {
+            static_cast<T*>(lua_touserdata(state, 1))->~T();
+            return 0;
+        });
+        lua_setfield(L, -2, "__gc");
+    }
     lua_setmetatable(L, -2);
     return object;
 }

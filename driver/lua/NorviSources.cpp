@@ -201,7 +201,7 @@ int Open(lua_State* L) {
     if (!lua_isnoneornil(L, 1)) {
         luaL_checktype(L, 1, LUA_TTABLE);
         openSource = NORVI_EXTRA(L, norvi_open_source);
-        options = NewScratch<NORVI::SourceOptions>(L);
+        options = NewScratch<NORVI::SourceOptions>(L, "norvi.SourceOptions");
         ReadOptions(L, *options);
     }
     norvi_handle_t* const box =
@@ -221,7 +221,7 @@ int Next(lua_State* L) {
         lua_isnoneornil(L, 2)
             ? 0
             : static_cast<int>(CheckWholeNumber(L, 2, 2, "timeout", 0, INT32_MAX));
-    NORVI::SourceRecord* const record = NewScratch<NORVI::SourceRecord>(L);
+    NORVI::SourceRecord* const record = NewScratch<NORVI::SourceRecord>(L, "norvi.SourceRecord");
     switch (next(handle, timeoutMs, record)) {
         case 0:
             lua_pushlstring(L, reinterpret_cast<const char*>(record->m_Record),

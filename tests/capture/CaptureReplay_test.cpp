@@ -370,6 +370,33 @@ TEST(CaptureReplay, BadInputIsACountedDropOrAClearError) {
     }
 }
 
+TEST(CaptureReplay, PacketsWithRandomBytesChangedOrCutEndInRecordsOrCountedDrops) {
+    TempFolder folder;
+    const std::string path = folder.Path() + "/mutated.pcap";
+    const std::vector<std::vector<uint8_t>> frames = Rewrapped(DLT_RAW);
+    uint32_t state = 12345;  // a fixed sequence, so that a failure repeats
+    const auto random = [&state](uint32_t bound) {
+        state = state * 1103515245u + 12345u;
+        return (state >> 8) % bound;
+    };
+    for (int round = 0; round < 10; ++round) {
+        std::vector<std::vector<uint8_t>> mutated = frames;
+        for (auto& frame : mutated) {
+            for (int change = 0; change < 3; ++change) {
+                frame[random(uint32_t(std::min<size_t>(frame.size(), 80)))] = uint8_t(random(256));
+            }
+            frame.resize(1 + random(uint32_t(frame.size())));
+        }
+        WriteCapture(path, DLT_RAW, mutated);
+        SourceOptions options = SampleOptions(path);
+        options.m_SslHosts = {{"", 7}};  // every TCP connection goes through the TLS tracker
+        const Replay replay = ReplayCapture(options);
+        ASSERT_TRUE(replay.m_Ended) << replay.m_Error;
+        EXPECT_LE(replay.m_Records.size() + replay.m_Counters.m_Dropped, mutated.size());
+        EXPECT_GT(replay.m_Counters.m_Dropped, 0u);
+    }
+}
+
 TEST(CaptureReplay, OptionsThatCannotWorkAreRefusedWithTheReason) {
     const std::vector<std::pair<SourceOptions, std::string>> cases = [] {
         std::vector<std::pair<SourceOptions, std::string>> list;

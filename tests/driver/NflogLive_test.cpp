@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "driver/linux/NflogSource.h"
+#include "driver/linux/NftRuleset.h"
 #include "driver/linux/RulesetVerdicts.h"
 #include "host/norvi.h"
 #include "tests/driver/NetnsPair.h"
@@ -321,6 +322,37 @@ TEST_F(NflogLiveTest, ABlockDropsOneAddressUntilItExpires) {
     norvi_close(elsewhere);
     norvi_close(handle);
     unlink(listing.c_str());
+}
+
+TEST_F(NflogLiveTest, AnIpv6BlockDropsThatAddressWithAnIpv6Record) {
+    CBackground server(CNetnsPair::In(m_Net.Host(), {"nc", "-6", "-k", "-l", "fd77::1", "8080"}));
+    ASSERT_TRUE(server.Started());
+    auto connects = [&] {
+        return Peer({"nc", "-6", "-z", "-w", "1", "fd77::1", "8080"}, 5000) == 0;
+    };
+    bool reached = false;
+    for (int tries = 0; tries < 50 && !(reached = connects()); ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(reached);
+    Drain(100);
+    NORVI::CNftRuleset ruleset;
+    std::string error;
+    ASSERT_EQ(0, ruleset.Block("fd77::2", 1500, error)) << error;
+    EXPECT_FALSE(connects());
+    const std::vector<SourceRecord> records = Drain(200);
+    ASSERT_FALSE(records.empty());
+    const SourceRecord& record = records[0];
+    EXPECT_EQ(NORVI::kRuleBlockedSource6, Field<uint32_t>(record, 24));
+    EXPECT_EQ(0x08 | 0x20 | 0x40, Field<uint16_t>(record, 38));
+    EXPECT_EQ(6, record.m_Record[126]);  // next header: TCP
+    in6_addr peer;
+    inet_pton(AF_INET6, "fd77::2", &peer);
+    EXPECT_EQ(0, memcmp(record.m_Record + 128, &peer, 16));
+    EXPECT_EQ(htons(8080), Field<uint16_t>(record, 162));
+    EXPECT_EQ(htons(0x86dd), Field<uint16_t>(record, 114));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1700));
+    EXPECT_TRUE(connects());
 }
 
 class NflogOverrunTest : public NflogLiveTest {

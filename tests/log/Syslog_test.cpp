@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "host/Trace.h"
 #include "log/LogData.h"
@@ -12,10 +13,10 @@
 namespace {
 
 TEST(SyslogFormat, NothingIsMadeWithoutConfiguration) {
-    u8 record[VEXIL::DriverLogEntry::kSize] = {};
-    record[38] = 0x10;  // IPv4
+    NORVI::CRecordBuilder record;
+    record.AddFlags(NORVI::Record::kIpv4);
     VEXIL::RecordCopy copy;
-    ASSERT_TRUE(copy.Fill(record, nullptr, 0));
+    ASSERT_TRUE(copy.Fill(record.Bytes(), nullptr, 0));
     NorvCore::CDom dom(":memory:");
     VEXIL::LogData log(dom);
     NorvCore::SetTraceCategories("vexil");
