@@ -42,7 +42,8 @@ TLS:
 
 Syslog:
   --syslog DEST            unix:PATH, udp:HOST:PORT or tcp:HOST:PORT
-  --facility NAME          syslog facility (default local0)
+  --facility NAME          syslog facility: a name of syslog.h (daemon, auth,
+                           local0...) or a number (default local0)
   --syslog-max BYTES       largest message sent (default: what the transport
                            carries: 65507 for UDP, 65536 otherwise)
   --cef                    send Common Event Format instead of the native form
@@ -61,11 +62,12 @@ local KINDS = {
   help = "flag", version = "flag",
 }
 
+-- The facility names of syslog.h; any other facility by its number, 0 to 23.
 local FACILITIES = {
   kern = 0, user = 1, mail = 2, daemon = 3, auth = 4, syslog = 5, lpr = 6,
-  news = 7, uucp = 8, cron = 9, authpriv = 10, ftp = 11, ntp = 12,
-  security = 13, console = 14, local0 = 16, local1 = 17, local2 = 18,
-  local3 = 19, local4 = 20, local5 = 21, local6 = 22, local7 = 23,
+  news = 7, uucp = 8, cron = 9, authpriv = 10, ftp = 11, local0 = 16,
+  local1 = 17, local2 = 18, local3 = 19, local4 = 20, local5 = 21,
+  local6 = 22, local7 = 23,
 }
 
 local function readable(path)
