@@ -430,6 +430,8 @@ local summary = {
   ssl = { requests = ssl.requests, answered = ssl.answered, failed = ssl.failed,
           keylog = o["ssl-keylog"] },
   logs = { folder = folder, files = files },
+  -- A replay that a signal ended has not seen the whole capture.
+  interrupted = stopRequested and o.mode == "replay" or nil,
   error = runError,
 }
 if not sender then summary.syslog.destination = nil end

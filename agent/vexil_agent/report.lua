@@ -55,7 +55,8 @@ end
 function report.words(summary)
   local lines = {}
   local function add(...) lines[#lines + 1] = string.format(...) end
-  add("%s: %d records, %d log lines written", summary.source, summary.records, summary.lines)
+  add("%s: %d records, %d log lines written%s", summary.source, summary.records, summary.lines,
+      summary.interrupted and " (interrupted before the end)" or "")
   if #summary.events == 0 then
     add("no agent events")
   else
