@@ -149,16 +149,6 @@ end
 local log = SLB.vexil.LogData(dom)
 if o.logs then log:SetLogFilePath(o.logs) end
 local folder = log:GetLogFilePath()
--- (It makes the folder too; the host's operator log tells why it could not.)
-if not log:InitializeLogFile() then fail("cannot make the log file in " .. folder) end
-local operatorLog = io.open(folder .. "/operator.log", "ab")
-
-local keylog
-if o["ssl-keylog"] then
-  keylog, problem = io.open(o["ssl-keylog"], "ab")
-  if not keylog then fail("cannot write the key log: " .. problem) end
-end
-
 -- From here on a stop request ends the run the clean way (the ruleset and the
 -- SSL service go, the summary comes), even while the set-up is still going.
 local stopRequested = false
@@ -207,6 +197,22 @@ end
   fail(reason)
 end
 if o.block == "nft" then log:SetNorvi(handle) end
+
+-- Files are made once the driver interface has started, so that a refusal
+-- there leaves nothing behind; a failure here takes the ruleset away again.
+local function abandon(message)
+  handle:close()
+  if service then service:StopThread("ssl") end
+  fail(message)
+end
+-- (It makes the folder too; the host's operator log tells why it could not.)
+if not log:InitializeLogFile() then abandon("cannot make the log file in " .. folder) end
+local operatorLog = io.open(folder .. "/operator.log", "ab")
+local keylog
+if o["ssl-keylog"] then
+  keylog, problem = io.open(o["ssl-keylog"], "ab")
+  if not keylog then abandon("cannot write the key log: " .. problem) end
+end
 
 ---------------------------------------------------------------------------
 -- The run.
