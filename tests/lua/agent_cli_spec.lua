@@ -7,9 +7,11 @@ local support = require "support"
 -- the stand-in that the other specs are given.
 local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
 
-local function run(arguments)
+local function run(arguments, prefix)
   local folder = support.tempdir()
-  local command = string.format("cd %s && %s %s >out 2>err; echo $?", folder, AGENT, arguments)
+  os.execute("chmod 777 " .. folder)
+  local command = string.format("cd %s && %s%s %s >out 2>err; echo $?", folder, prefix or "",
+                                AGENT, arguments)
   local pipe = io.popen(command)
   local code = tonumber(pipe:read("*l"))
   pipe:close()
@@ -70,6 +72,17 @@ describe("vexil-agent command line", function()
                        case[1] .. " -> " .. result.err)
       assert.is_false(result.made_logs, case[1])
     end
+  end)
+
+  it("refuses live mode without the right to read NFLOG, leaving nothing behind", function()
+    if os.execute("[ $(id -u) = 0 ] && command -v setpriv >/dev/null") ~= true then
+      pending("needs root and setpriv to run the agent as an unprivileged user")
+      return
+    end
+    local result = run("--nflog 3 --logs logs", "setpriv --reuid=65534 --regid=65534 --clear-groups ")
+    assert.are.equal(2, result.code)
+    assert.is_truthy(result.err:match("vexil%-agent: [^\n]*Operation not permitted[^\n]*\n$"), result.err)
+    assert.is_false(result.made_logs)
   end)
 
   it("prints its usage and version", function()
