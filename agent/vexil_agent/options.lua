@@ -172,6 +172,11 @@ function options.check(given)
     o.nflog_group = integer(o.nflog, 0, 65535)
     if not o.nflog_group then return nil, "--nflog: a group number of 0 to 65535 expected" end
   end
+  -- Live, the ruleset lets in only these services: an agent started without
+  -- them must not cut the host off by surprise.
+  if o.mode == "live" and not o.services then
+    return nil, "--nflog needs --services (the inbound services to let in; --services '' for none)"
+  end
   o.addresses = {}
   if o.host then
     for address in (o.host .. ","):gmatch("([^,]*),") do

@@ -50,7 +50,8 @@ describe("vexil-agent command line", function()
       { "--pcap " .. capture .. " --host 10.0.0.300", "'10.0.0.300' is not an IPv4 or IPv6 address" },
       { "--pcap " .. capture .. " --duration 5", "%-%-duration is for live mode" },
       { "--nflog 70000", "a group number of 0 to 65535" },
-      { "--nflog 3 --duration -1", "a positive number of seconds" },
+      { "--nflog 3 --duration -1 --services tcp:22", "a positive number of seconds" },
+      { "--nflog 3", "%-%-nflog needs %-%-services" },
       { "--pcap " .. capture .. " --block iptables", "%-%-block: nft or none" },
       { "--pcap " .. capture .. " --syslog tcp:loghost", "expected tcp:HOST:PORT" },
       { "--pcap " .. capture .. " --syslog file:/tmp/x", "expected unix:PATH" },
@@ -79,7 +80,7 @@ describe("vexil-agent command line", function()
       pending("needs root and setpriv to run the agent as an unprivileged user")
       return
     end
-    local result = run("--nflog 3 --logs logs", "setpriv --reuid=65534 --regid=65534 --clear-groups ")
+    local result = run("--nflog 3 --services tcp:22 --logs logs", "setpriv --reuid=65534 --regid=65534 --clear-groups ")
     assert.are.equal(2, result.code)
     assert.is_truthy(result.err:match("vexil%-agent: [^\n]*Operation not permitted[^\n]*\n$"), result.err)
     assert.is_false(result.made_logs)
