@@ -18,6 +18,7 @@ Input:
   --host ADDR[,ADDR...]    the host's own addresses (replay; live: read from
                            the system when not given)
   --services LIST          allowed inbound services, e.g. tcp:22,tcp:80,udp:53
+                           (live: required; '' lets in none)
   --nflog GROUP            live: install the ruleset (table inet vexil), read
                            NFLOG GROUP
   --duration SECONDS       live: stop after this long (SIGINT/SIGTERM also stop)
