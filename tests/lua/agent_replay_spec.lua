@@ -36,6 +36,7 @@ local keys = facts.VEXIL_CAPTURE_KEYS and SOURCE .. "/" .. facts.VEXIL_CAPTURE_K
 -- Runs the agent on the capture from the repository's top (the keys name
 -- their key file from there); the decoded summary and the standard error.
 local function replay(folder, extra)
+  os.execute("mkdir -p " .. folder)
   local command = string.format(
     "cd %s && %s --pcap %s --host %s --services %s --keys %s --logs %s/logs --json %s " ..
     "2>%s/err", SOURCE, AGENT, capture, facts.VEXIL_CAPTURE_HOST, facts.VEXIL_CAPTURE_SERVICES, keys,
@@ -102,6 +103,21 @@ describe("vexil-agent replay", function()
     end
   end)
 
+  it("takes the user's configuration instead of the bundled one", function()
+    local config = folder .. "/xmas-only.lua"
+    local file = assert(io.open(config, "w"))
+    file:write([[return {
+      packetFilterLog = { size = 1024, keep = 8, cacheSize = 0 },
+      trafficAnalysisConfiguration = {},
+      probeConfigurationMap = { [4] = { blockAttackerSeconds = 0 } },
+    }]])
+    file:close()
+    local run = replay(folder .. "/xmas", "--config " .. config)
+    assert.are.equal(1, #run.events)
+    assert.is_truthy(run.events[1].detail:match("^XmasScan|10%.77%.0%.2|6|0$"), run.events[1].detail)
+    assert.are.equal(0, #run.blocks)
+  end)
+
   it("reports what it could of damaged and odd captures", function()
     -- file, exit code, records (all inbound is logged: no services), the
     -- summary's error, records the source refused
@@ -144,9 +160,7 @@ describe("vexil-agent replay", function()
         { "unix", "unix:" .. receiver.socket }, { "udp", "udp:127.0.0.1:" .. receiver.udp },
         { "tcp", "tcp:127.0.0.1:" .. receiver.tcp }, { "tcp-cef", "tcp:127.0.0.1:" .. receiver.tcp .. " --cef" },
       } do
-        local runFolder = folder .. "/" .. case[1]
-        os.execute("mkdir -p " .. runFolder)
-        local run, runErr = replay(runFolder, "--syslog " .. case[2])
+        local run, runErr = replay(folder .. "/" .. case[1], "--syslog " .. case[2])
         assert.is_table(run, runErr)
         assert.are.same({ run.accepted, 0 }, { run.syslog.sent, run.syslog.dropped })
         messages[case[1]] = run.accepted
