@@ -33,14 +33,14 @@ end
 local capture = facts.VEXIL_CAPTURE and SOURCE .. "/" .. facts.VEXIL_CAPTURE
 local keys = facts.VEXIL_CAPTURE_KEYS and SOURCE .. "/" .. facts.VEXIL_CAPTURE_KEYS
 
--- Runs the agent on the capture from the repository's top (the keys name
--- their key file from there); the decoded summary and the standard error.
-local function replay(folder, extra)
+-- Runs the agent on the capture (keysFile, when given, instead of the sample's
+-- security configuration); the decoded summary and the standard error.
+local function replay(folder, extra, keysFile)
   os.execute("mkdir -p " .. folder)
   local command = string.format(
     "cd %s && %s --pcap %s --host %s --services %s --keys %s --logs %s/logs --json %s " ..
-    "2>%s/err", SOURCE, AGENT, capture, facts.VEXIL_CAPTURE_HOST, facts.VEXIL_CAPTURE_SERVICES, keys,
-    folder, extra or "", folder)
+    "2>%s/err", SOURCE, AGENT, capture, facts.VEXIL_CAPTURE_HOST, facts.VEXIL_CAPTURE_SERVICES,
+    keysFile or keys, folder, extra or "", folder)
   local summary = json.decode(output_of(command))
   return summary, support.read(folder .. "/err")
 end
@@ -101,6 +101,19 @@ describe("vexil-agent replay", function()
     for _, event in ipairs(summary.events) do
       assert.is_falsy(event.detail:find("|" .. client .. "|", 1, true), event.detail)
     end
+  end)
+
+  it("counts a request that the configured key cannot answer, with the reason logged", function()
+    assert.is_true(os.execute("unset LD_PRELOAD; openssl genrsa -out " .. folder ..
+                              "/other.pem 2048 2>/dev/null"))
+    local blob = output_of("base64 -w0 " .. folder .. "/other.pem")
+    local wrong = support.read(keys):gsub('credential="[^"]*"', 'credential="' .. blob .. '"')
+    local file = assert(io.open(folder .. "/wrong.xml", "w"))
+    file:write(wrong)
+    file:close()
+    local run = replay(folder .. "/wrong", "", folder .. "/wrong.xml")
+    assert.are.same({ 1, 0, 1 }, { run.ssl.requests, run.ssl.answered, run.ssl.failed })
+    assert.is_truthy(support.read(folder .. "/wrong/logs/operator.log"):find("RSA_private_decrypt", 1, true))
   end)
 
   it("takes the user's configuration instead of the bundled one", function()
