@@ -179,6 +179,15 @@ if sslHosts then
   service:start(0, true, 0)
 end
 
+-- Ends the SSL service and its socket, whichever way the run ends.
+local function stop_ssl_service()
+  if not service then return end
+  service:StopThread("ssl")
+  pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
+  os.remove(sslSocket)
+  service = nil
+end
+
 local openOptions = { services = o.services, ssl_socket = sslSocket }
 if o.mode == "replay" then
   -- The replay submits the handshakes of these servers as SSL requests.
@@ -189,11 +198,7 @@ end
 local opened, handle, reason = pcall(norvi.open, openOptions)
 if not opened or not handle then
   reason = opened and reason or handle
-  if service then
-  service:StopThread("ssl")
-  pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
-  os.remove(sslSocket)
-end
+  stop_ssl_service()
   fail(reason)
 end
 if o.block == "nft" then log:SetNorvi(handle) end
@@ -202,7 +207,7 @@ if o.block == "nft" then log:SetNorvi(handle) end
 -- there leaves nothing behind; a failure here takes the ruleset away again.
 local function abandon(message)
   handle:close()
-  if service then service:StopThread("ssl") end
+  stop_ssl_service()
   fail(message)
 end
 -- (It makes the folder too; the host's operator log tells why it could not.)
@@ -382,11 +387,7 @@ if sslHosts then
     take_keylog()
   until ssl.answered + ssl.failed == before or monotonic() > deadline
 end
-if service then
-  service:StopThread("ssl")
-  pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
-  os.remove(sslSocket)
-end
+stop_ssl_service()
 if sender then sender:close(2) end
 local sourceCounters = handle:counters()
 handle:close()
