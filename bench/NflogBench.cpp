@@ -271,8 +271,6 @@ void BM_NflogIntoWriteLogDataBesideUlogd(benchmark::State& state) {
     }
     char pattern[] = "/tmp/vexil-nflog-bench-XXXXXX";
     const std::string folder = mkdtemp(pattern);
-    // The peer learns the host's hardware address before the flood.
-    RunProcess(CNetnsPair::In(net.Peer(), {"ping", "-c", "1", "-W", "1", "10.77.0.1"}), 3000);
     Measured vexil, receiver, ulogd;
     for (auto _ : state) {
         vexil = MeasureVexil(net, folder, true);

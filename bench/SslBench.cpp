@@ -19,9 +19,9 @@
 #include <benchmark/benchmark.h>
 #include <wx/filename.h>
 
+#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
-#include "driver/standin/NorviControl.h"
 #include "ssl/SSLCertThread.h"
 
 namespace {

@@ -114,11 +114,11 @@ bool CNflogParser::Build(const nlmsghdr* message, SourceRecord& record) {
     event.m_TimeSec = static_cast<uint32_t>(m_ReceiveTime.tv_sec);
     event.m_TimeUsec = static_cast<uint32_t>(m_ReceiveTime.tv_usec);
     if (attributes[NFULA_TIMESTAMP] != nullptr) {
-        const nfulnl_msg_packet_timestamp* const stamp =
-            static_cast<const nfulnl_msg_packet_timestamp*>(
-                mnl_attr_get_payload(attributes[NFULA_TIMESTAMP]));
-        event.m_TimeSec = static_cast<uint32_t>(be64toh(stamp->sec));
-        event.m_TimeUsec = static_cast<uint32_t>(be64toh(stamp->usec) % 1000000);
+        // Netlink aligns attributes to 4 bytes only: copied out, not cast.
+        nfulnl_msg_packet_timestamp stamp;
+        memcpy(&stamp, mnl_attr_get_payload(attributes[NFULA_TIMESTAMP]), sizeof stamp);
+        event.m_TimeSec = static_cast<uint32_t>(be64toh(stamp.sec));
+        event.m_TimeUsec = static_cast<uint32_t>(be64toh(stamp.usec) % 1000000);
     }
     if (attributes[NFULA_IFINDEX_INDEV] != nullptr) {
         event.m_InterfaceIndex = ntohl(mnl_attr_get_u32(attributes[NFULA_IFINDEX_INDEV]));

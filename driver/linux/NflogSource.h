@@ -1,6 +1,8 @@
 // CNflogSource: the live record source. It listens to one NFLOG group of the
 // packet filter in the network namespace of the thread that opened it, and
-// may install the project's ruleset there for as long as it lives.
+// may install the project's ruleset there for as long as it lives. The
+// ruleset is one table per namespace: a second source that installs it
+// replaces the first one's, and the first to close removes it.
 //
 // The socket is set up for records that arrive soon and whole: the kernel
 // flushes its batch after 256 packets or 10 ms, puts a sequence number on

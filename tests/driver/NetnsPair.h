@@ -5,6 +5,8 @@
 // and killed by pid. The test thread enters the host namespace with Enter().
 #pragma once
 
+#include <dirent.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -22,10 +24,9 @@ extern char** environ;
 
 namespace drivertest {
 
-// Runs argv, output to /dev/null unless outputPath is given; kills it after
-// timeoutMs. The exit status, or -1 when it could not run or was killed.
-inline int RunProcess(const std::vector<std::string>& argv, int timeoutMs,
-                      const std::string& outputPath = "/dev/null") {
+// Starts argv with its output to outputPath and its errors to /dev/null; the
+// pid, or -1 when it could not start.
+inline pid_t Spawn(const std::vector<std::string>& argv, const std::string& outputPath) {
     std::vector<char*> args;
     for (const std::string& arg : argv) {
         args.push_back(const_cast<char*>(arg.c_str()));
@@ -39,12 +40,17 @@ inline int RunProcess(const std::vector<std::string>& argv, int timeoutMs,
     pid_t pid;
     const int failed = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    if (failed != 0) {
-        return -1;
-    }
+    return failed == 0 ? pid : -1;
+}
+
+// Runs argv and kills it after timeoutMs. The exit status, or -1 when it
+// could not run or was killed.
+inline int RunProcess(const std::vector<std::string>& argv, int timeoutMs,
+                      const std::string& outputPath = "/dev/null") {
+    const pid_t pid = Spawn(argv, outputPath);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     int status = 0;
-    while (waitpid(pid, &status, WNOHANG) == 0) {
+    while (pid > 0 && waitpid(pid, &status, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
             waitpid(pid, &status, 0);
@@ -52,38 +58,26 @@ inline int RunProcess(const std::vector<std::string>& argv, int timeoutMs,
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A process left running (a server), killed by pid when the object goes.
 class CBackground {
 public:
-    explicit CBackground(const std::vector<std::string>& argv) {
-        std::vector<char*> args;
-        for (const std::string& arg : argv) {
-            args.push_back(const_cast<char*>(arg.c_str()));
-        }
-        args.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (posix_spawnp(&m_Pid, args[0], &actions, nullptr, args.data(), environ) != 0) {
-            m_Pid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
-    }
+    explicit CBackground(const std::vector<std::string>& argv) : m_Pid(Spawn(argv, "/dev/null")) {}
     ~CBackground() {
         if (m_Pid > 0) {
             kill(m_Pid, SIGKILL);
             waitpid(m_Pid, nullptr, 0);
         }
     }
+    CBackground(const CBackground&) = delete;
+    CBackground& operator=(const CBackground&) = delete;
     bool Started() const { return m_Pid > 0; }
     pid_t Pid() const { return m_Pid; }
 
 private:
-    pid_t m_Pid = -1;
+    const pid_t m_Pid;
 };
 
 class CNetnsPair {
@@ -94,6 +88,7 @@ public:
             m_Failure = "needs root (CAP_SYS_ADMIN, CAP_NET_ADMIN) to make network namespaces";
             return;
         }
+        RemoveStale();
         m_Made = true;
         const std::vector<std::vector<std::string>> steps = {
             {"ip", "netns", "add", m_Host},
@@ -162,6 +157,31 @@ public:
     }
 
 private:
+    // Namespaces of this kind left by a test process that died (a sanitizer
+    // stops a process without unwinding): its pid is gone.
+    static void RemoveStale() {
+        DIR* const folder = opendir("/run/netns");
+        if (folder == nullptr) {
+            return;
+        }
+        std::vector<std::string> stale;
+        while (const dirent* entry = readdir(folder)) {
+            const std::string name = entry->d_name;
+            for (const char* prefix : {"vxhost", "vxpeer"}) {
+                const std::string digits = name.substr(0, 6) == prefix ? name.substr(6) : "";
+                if (!digits.empty() &&
+                    digits.find_first_not_of("0123456789") == std::string::npos &&
+                    kill(static_cast<pid_t>(std::stol(digits)), 0) != 0 && errno == ESRCH) {
+                    stale.push_back(name);
+                }
+            }
+        }
+        closedir(folder);
+        for (const std::string& name : stale) {
+            RunProcess({"ip", "netns", "del", name}, 10000);
+        }
+    }
+
     std::string m_Host;
     std::string m_Peer;
     bool m_Made = false;

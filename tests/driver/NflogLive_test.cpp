@@ -302,11 +302,29 @@ TEST_F(NflogLiveTest, ABlockDropsOneAddressUntilItExpires) {
     ASSERT_FALSE(records.empty());
     EXPECT_EQ(NORVI::kRuleBlockedSource4, Field<uint32_t>(records[0], 24));
     EXPECT_EQ(blocked, Field<uint32_t>(records[0], 132));
+    // The host's own packets to the address are stopped on the way out; the
+    // output hook has no time stamp, so the time of receipt stands in.
+    const time_t before = time(nullptr);
+    RunProcess(CNetnsPair::In(m_Net.Host(), {"nc", "-z", "-w", "1", "10.77.0.2", "9"}), 5000);
+    const std::vector<SourceRecord> outbound = Drain(200);
+    ASSERT_FALSE(outbound.empty());
+    EXPECT_EQ(NORVI::kRuleBlockedDest4, Field<uint32_t>(outbound[0], 24));
+    EXPECT_EQ(0x01 | 0x10 | 0x40, Field<uint16_t>(outbound[0], 38));
+    EXPECT_EQ(m_Interface, Field<uint32_t>(outbound[0], 28));
+    EXPECT_EQ(blocked, Field<uint32_t>(outbound[0], 136));
+    EXPECT_GE(Field<uint32_t>(outbound[0], 0), static_cast<uint32_t>(before));
 
     // A zero time would never end: refused, and the set is left alone.
     const uint32_t zero = 0;
     memcpy(request + 4, &zero, 4);
     EXPECT_EQ(EINVAL, norvi_add_blacklist(handle, request));
+    // The longest time the request can state is one that nftables takes.
+    const uint32_t longest = 0xffffffffu;
+    const uint32_t other = Address("10.77.0.9");
+    memcpy(request + 4, &longest, 4);
+    memcpy(request + 8, &other, 4);
+    EXPECT_EQ(0, norvi_add_blacklist(handle, request));
+    memcpy(request + 8, &blocked, 4);
     std::this_thread::sleep_for(std::chrono::milliseconds(2700));
     EXPECT_TRUE(connects("10.77.0.2"));
 

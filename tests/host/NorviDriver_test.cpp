@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
+#include "driver/standin/NorviControl.h"
 #include "host/NorviLoader.h"
 #include "host/norvi.h"
-#include "driver/standin/NorviControl.h"
 
 namespace {
 

@@ -15,12 +15,12 @@
 #include <thread>
 #include <vector>
 
+#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
 #include "host/Ticks.h"
 #include "host/Trace.h"
 #include "host/norvi.h"
-#include "driver/standin/NorviControl.h"
 #include "tests/TempFolder.h"
 
 namespace ssltest {

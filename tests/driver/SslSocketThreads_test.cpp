@@ -1,4 +1,5 @@
-// The SSL request socket of the Linux library: clients submit requests, the
+// The SSL request socket of the Linux library (its server thread, clients and
+// the service's threads meet here, hence the name): clients submit requests, the
 // service takes them through norvi_get_ssl_request and answers through
 // norvi_ssl_response, and each answer reaches its own client with its own
 // requestContext. Bad submissions cost their client only.
