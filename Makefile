@@ -24,7 +24,7 @@ build: deps build/CMakeCache.txt
 	$(CMAKE) --build build -j $(JOBS)
 
 demo: build
-	cd build && LUA_CPATH="$(CURDIR)/build/?.so;;" lua5.2 $(CURDIR)/examples/agent.lua
+	bash scripts/demo.sh $(CURDIR)/build
 
 test: build
 	cd build && $(CTEST) --output-on-failure -j $(JOBS)

@@ -12,6 +12,7 @@
 #include "module/LogDataLua.h"
 #include "module/RSAKeyLua.h"
 #include "module/SSLCertThreadLua.h"
+#include "module/SSLHostConfigurationsLua.h"
 
 namespace {
 
@@ -33,6 +34,7 @@ void vexilLua_Init(SLB::Manager* manager) {
     logDataLua_Init(manager);
     sslCertThreadLua_Init(manager);
     rsaKeyLua_Init(manager);
+    sslHostConfigurationsLua_Init(manager);
 }
 
 }  // namespace

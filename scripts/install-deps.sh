@@ -17,6 +17,8 @@ packages=(
   tcpdump tshark wireshark-common coreutils
   gettext
   clang libclang-rt-14-dev
+  lua-posix lua-dkjson
+  rsyslog
 )
 
 missing=()

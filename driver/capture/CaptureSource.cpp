@@ -158,15 +158,15 @@ bool CCaptureSource::Judge(const pcap_pkthdr& header, const uint8_t* bytes, Sour
         case CPacketView::Parse::Ok:
             break;
     }
+    const uint64_t timeUsec = static_cast<uint64_t>(header.ts.tv_sec) * 1000000u +
+                              static_cast<uint64_t>(header.ts.tv_usec);
     if (m_Tls.Enabled()) {
         std::vector<CTlsHandshakeTracker::KeyExchange> exchanges;
-        m_Tls.Feed(view, exchanges);
+        m_Tls.Feed(view, timeUsec, exchanges);
         for (const auto& exchange : exchanges) {
             m_Keys.Request(exchange);
         }
     }
-    const uint64_t timeUsec = static_cast<uint64_t>(header.ts.tv_sec) * 1000000u +
-                              static_cast<uint64_t>(header.ts.tv_usec);
     const RuleVerdict* verdict = nullptr;
     switch (m_Model.Judge(view, timeUsec, verdict)) {
         case CRulesetModel::Decision::Pass:

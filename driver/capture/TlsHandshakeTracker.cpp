@@ -13,8 +13,10 @@ constexpr uint8_t kSyn = 0x02;
 constexpr uint8_t kRst = 0x04;
 constexpr uint8_t kAck = 0x10;
 
-// Connections followed at once; a further SYN is not followed.
+// Connections followed at once, and the idle time after which one is
+// forgotten when room is needed.
 constexpr size_t kMaxConnections = 1024;
+constexpr uint64_t kIdleUsec = 120 * 1000000ull;
 // Bytes a stream holds in order, ahead of order, and of handshake messages.
 constexpr size_t kMaxBuffered = 65536;
 constexpr size_t kMaxEarlySegments = 32;
@@ -237,7 +239,25 @@ CTlsHandshakeTracker::Step CTlsHandshakeTracker::ReadClient(Connection& connecti
     return records == Step::More ? Step::More : Step::GiveUp;
 }
 
-void CTlsHandshakeTracker::Feed(const CPacketView& packet, std::vector<KeyExchange>& found) {
+void CTlsHandshakeTracker::MakeRoom(uint64_t timeUsec) {
+    auto oldest = m_Connections.end();
+    for (auto entry = m_Connections.begin(); entry != m_Connections.end();) {
+        if (timeUsec > entry->second.m_LastUsec + kIdleUsec) {
+            entry = m_Connections.erase(entry);
+            continue;
+        }
+        if (oldest == m_Connections.end() || entry->second.m_LastUsec < oldest->second.m_LastUsec) {
+            oldest = entry;
+        }
+        ++entry;
+    }
+    if (m_Connections.size() >= kMaxConnections && oldest != m_Connections.end()) {
+        m_Connections.erase(oldest);
+    }
+}
+
+void CTlsHandshakeTracker::Feed(const CPacketView& packet, uint64_t timeUsec,
+                                std::vector<KeyExchange>& found) {
     if (m_Hosts.empty() || packet.Protocol() != 6 || !packet.TransportComplete()) {
         return;
     }
@@ -250,9 +270,13 @@ void CTlsHandshakeTracker::Feed(const CPacketView& packet, std::vector<KeyExchan
     const uint32_t seq = Read32(tcp + 4);
     if ((flags & (kSyn | kAck | kRst)) == kSyn) {
         const Host* const host = MatchServer(packet);
-        if (host != nullptr && m_Connections.size() < kMaxConnections) {
+        if (host != nullptr) {
+            if (m_Connections.size() >= kMaxConnections) {
+                MakeRoom(timeUsec);
+            }
             Connection& connection = m_Connections[Key(packet, false)];
             connection = Connection();
+            connection.m_LastUsec = timeUsec;
             connection.m_ConfigurationId = host->m_ConfigurationId;
             connection.m_Client.m_Started = true;
             connection.m_Client.m_NextSeq = seq + 1;
@@ -269,6 +293,7 @@ void CTlsHandshakeTracker::Feed(const CPacketView& packet, std::vector<KeyExchan
         }
     }
     Connection& connection = entry->second;
+    connection.m_LastUsec = timeUsec;
     if (flags & kRst) {
         m_Connections.erase(entry);
         return;

@@ -10,7 +10,8 @@
 // protocol version and whether the cipher suite exchanges its key by RSA;
 // the client's key exchange message then gives the encrypted pre-master
 // secret. Following ends at the key exchange, at a change of cipher spec,
-// at anything that is not TLS, or when a buffer would overflow.
+// at anything that is not TLS, when a buffer would overflow, or when the
+// table is full and the connection has been idle longest.
 //
 // Threads: one object is used by one thread at a time.
 #pragma once
@@ -43,9 +44,10 @@ public:
     bool Configure(const std::vector<SslHost>& hosts, std::string& error);
     bool Enabled() const { return !m_Hosts.empty(); }
 
-    // Follows one TCP packet (a packet with a complete TCP header); the key
-    // exchange it completes, if any, is appended to found.
-    void Feed(const CPacketView& packet, std::vector<KeyExchange>& found);
+    // Follows one TCP packet (a packet with a complete TCP header) seen at
+    // the capture time timeUsec; the key exchange it completes, if any, is
+    // appended to found.
+    void Feed(const CPacketView& packet, uint64_t timeUsec, std::vector<KeyExchange>& found);
 
     size_t FollowedCount() const { return m_Connections.size(); }
 
@@ -75,11 +77,15 @@ private:
         bool m_Rsa = false;
         uint8_t m_Major = 0;
         uint8_t m_Minor = 0;
+        uint64_t m_LastUsec = 0;
     };
 
     enum class Step { More, Done, GiveUp };
 
     const Host* MatchServer(const CPacketView& packet) const;
+    // Makes room for a new connection: forgets the idle ones, or else the
+    // one idle longest.
+    void MakeRoom(uint64_t timeUsec);
     static std::string Key(const CPacketView& packet, bool reversed);
     // Adds a segment's payload; false when the stream cannot be followed.
     static bool Accept(Stream& stream, uint32_t seq, const uint8_t* payload, size_t length);

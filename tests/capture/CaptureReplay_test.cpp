@@ -348,7 +348,10 @@ TEST(CaptureReplay, BadInputIsACountedDropOrAClearError) {
     const Case cases[] = {
         {"six malformed packets and a SYN", crafted, 1, 6, nullptr},
         {"an Ethernet frame shorter than its header", shortEthernet, 0, 1, nullptr},
-        // The first 40 frames of the sample (38 IP packets, 2 ARP) cut to 30 bytes.
+        // The first 40 frames of the sample as classic pcap: the benign HTTP,
+        // DNS and TLS openings; then the same cut to 30 bytes a frame (38 IP
+        // packets, 2 ARP).
+        {"the first frames as classic pcap", kData + "first-packets.pcap", 3, 0, nullptr},
         {"packets cut to 30 bytes", kData + "snapped.pcap", 0, 38, nullptr},
         // The sample's first 3000 bytes: the first packets of HTTP and DNS.
         {"a capture cut off inside a block", kData + "cut-short.pcapng", 2, 0,

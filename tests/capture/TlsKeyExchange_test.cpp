@@ -263,14 +263,14 @@ TEST(TlsKeyExchange, OtherServersMakeNoRequestAndFailuresAreCounted) {
 // One IPv4 TCP segment, raw, from the client 10.77.0.3:40000 or the server
 // 10.77.0.1:443.
 std::vector<uint8_t> Segment(bool fromClient, uint8_t flags, uint32_t seq,
-                             const std::vector<uint8_t>& payload) {
+                             const std::vector<uint8_t>& payload, uint16_t clientPort = 40000) {
     std::vector<uint8_t> packet = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0};
     const uint8_t client[4] = {10, 77, 0, 3};
     const uint8_t server[4] = {10, 77, 0, 1};
     packet.insert(packet.end(), fromClient ? client : server, (fromClient ? client : server) + 4);
     packet.insert(packet.end(), fromClient ? server : client, (fromClient ? server : client) + 4);
-    const uint16_t sport = fromClient ? 40000 : 443;
-    const uint16_t dport = fromClient ? 443 : 40000;
+    const uint16_t sport = fromClient ? clientPort : 443;
+    const uint16_t dport = fromClient ? 443 : clientPort;
     const std::vector<uint8_t> tcp = {uint8_t(sport >> 8),
                                       uint8_t(sport),
                                       uint8_t(dport >> 8),
@@ -398,6 +398,41 @@ TEST(TlsKeyExchange, Ssl3ExchangeWithMessagesSharingAndSpanningRecords) {
               std::vector<uint8_t>(header.begin(), header.begin() + 8));
     EXPECT_EQ((std::vector<uint8_t>{1, 0, 0, 0, 3, 0}),
               std::vector<uint8_t>(header.begin() + 64, header.begin() + 70));
+}
+
+TEST(TlsKeyExchange, ASynFloodBeforeTheSessionDoesNotKeepItFromBeingFollowed) {
+    TempFolder folder;
+    const std::string socket = folder.Path() + "/ssl.sock";
+    KeyService service(socket);
+    // 1500 unanswered SYNs to the server a second before the sample begins.
+    char reason[PCAP_ERRBUF_SIZE];
+    pcap_t* const in = pcap_open_offline((kExamples + "sample.pcapng").c_str(), reason);
+    ASSERT_NE(nullptr, in) << reason;
+    const std::string path = folder.Path() + "/flood.pcap";
+    pcap_t* const dead = pcap_open_dead(DLT_EN10MB, 65535);
+    pcap_dumper_t* const out = pcap_dump_open(dead, path.c_str());
+    pcap_pkthdr* header;
+    const u_char* bytes;
+    for (bool first = true; pcap_next_ex(in, &header, &bytes) == 1; first = false) {
+        for (int flood = 0; first && flood < 1500; ++flood) {
+            std::vector<uint8_t> frame(bytes, bytes + 14);
+            frame[12] = 0x08;
+            frame[13] = 0x00;
+            const std::vector<uint8_t> syn = Segment(true, 0x02, 1, {}, uint16_t(10000 + flood));
+            frame.insert(frame.end(), syn.begin(), syn.end());
+            pcap_pkthdr synHeader = *header;
+            synHeader.ts.tv_sec -= 1;
+            synHeader.caplen = synHeader.len = bpf_u_int32(frame.size());
+            pcap_dump(reinterpret_cast<u_char*>(out), &synHeader, frame.data());
+        }
+        pcap_dump(reinterpret_cast<u_char*>(out), header, bytes);
+    }
+    pcap_dump_close(out);
+    pcap_close(dead);
+    pcap_close(in);
+    const KeyLog log = Replay(path, socket, {{"10.77.0.1", 7}});
+    EXPECT_EQ(1u, log.m_Lines.size());
+    EXPECT_EQ(0u, log.m_Failed);
 }
 
 }  // namespace

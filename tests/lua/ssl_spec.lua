@@ -174,3 +174,20 @@ describe("vexil.SSLCertThread", function()
 end)
 
 teardown(function() support.remove(folder) end)
+
+describe("vexil.SSLHostConfigurations.Read", function()
+  it("gives the host configurations of the security configuration, or nil and why", function()
+    local dom = SLB.norv.Dom(":memory:")
+    assert.are.same({ nil, "no readable /SecurityConfiguration/SSLHostConfigurations in the " ..
+                           "security configuration" }, { vexil.SSLHostConfigurations.Read(dom) })
+    assert.is_true(dom:SetConfigXml([[<SecurityConfiguration><SSLHostConfigurations>
+      <SSLHostConfiguration id="7" name="web" sslCredentialId="1" specificIP="10.1.0.1"/>
+      <SSLHostConfiguration id="9" allInterfaces="true"/>
+    </SSLHostConfigurations></SecurityConfiguration>]]))
+    assert.are.same({
+      { id = 7, name = "web", sslCredentialId = 1, specificIP = "10.1.0.1", allInterfaces = false },
+      { id = 9, name = "", sslCredentialId = 0, specificIP = "", allInterfaces = true },
+    }, vexil.SSLHostConfigurations.Read(dom))
+    assert.has_error(function() vexil.SSLHostConfigurations.Read(5) end)
+  end)
+end)
