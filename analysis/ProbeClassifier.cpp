@@ -1,9 +1,6 @@
 // CProbeClassifier: the ordered rule table of the stealth probes.
 #include "analysis/ProbeClassifier.h"
 
-#include <wx/log.h>
-#include <wx/tokenzr.h>
-
 namespace VEXIL {
 
 namespace {
@@ -46,26 +43,6 @@ CProbeClassifier::Verdict CProbeClassifier::Classify(u8 tcpFlags, bool dontFragm
         return {kIgnored, FingerprintScan, nullptr};
     }
     return {kNotStealth, FingerprintScan, nullptr};
-}
-
-std::set<u8> CProbeClassifier::ParseIgnoreFlags(const std::string& text) {
-    std::set<u8> flags;
-    wxStringTokenizer tokens(wxString::FromUTF8(text.data(), text.size()), ",; \t", wxTOKEN_STRTOK);
-    while (tokens.HasMoreTokens()) {
-        long value = 0;
-        // Base 0: 0x12, 022 and 18 are the same flag byte.
-        if (!tokens.GetNextToken().ToLong(&value, 0)) {
-            continue;
-        }
-        // long has 64 bits here: a value is tested as it stands, so that one
-        // beyond 32 bits cannot wrap into a flag byte.
-        if (value < 0 || value > 255) {
-            wxLogWarning("IgnoreTcpFlags value %ld is out of range - ignoring it.", value);
-            continue;
-        }
-        flags.insert(u8(value));
-    }
-    return flags;
 }
 
 }  // namespace VEXIL

@@ -32,12 +32,6 @@ public:
     // tcpFlags is the TCP flag byte; dontFragment the DF bit of the IPv4
     // header. ignoreFlags is consulted only for a byte that no rule matched.
     static Verdict Classify(u8 tcpFlags, bool dontFragment, const std::set<u8>& ignoreFlags);
-
-    // The set of flag bytes to ignore from the setting's text: tokens split at
-    // runs of commas, semicolons, blanks and tabs, each a number in C notation
-    // (0x12, 022 and 18 are one byte). A token that is no number is skipped;
-    // one outside 0 to 255 is skipped with an operator log warning.
-    static std::set<u8> ParseIgnoreFlags(const std::string& text);
 };
 
 }  // namespace VEXIL

@@ -8,8 +8,8 @@
 
 #include <string>
 
-#include "analysis/ProbeClassifier.h"
 #include "config/ConfigUtils.h"
+#include "config/TcpFlagList.h"
 #include "fuzz/FuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
     const bool flags = (input.Byte() & 1) != 0;
     const std::string text = input.Rest();
     if (flags) {
-        for (const u8 flag : VEXIL::CProbeClassifier::ParseIgnoreFlags(text)) {
+        for (const u8 flag : VEXIL::ParseTcpFlagList(text)) {
             // A byte in the set is the value of some token: its digits are
             // in the text.
             VEXIL::FuzzCheck(

@@ -14,7 +14,7 @@
 #include <wx/log.h>
 #include <wx/utils.h>
 
-#include "analysis/ProbeClassifier.h"
+#include "config/TcpFlagList.h"
 #include "host/TextHelpers.h"
 #include "host/Ticks.h"
 #include "host/Trace.h"
@@ -134,8 +134,7 @@ void LogData::ReadAnalysisSettings() {
     m_ScanLikelihoodRatioCeiling = 99.0;
     ParseDouble(Setting(dom, "norvp.vexil.analysis.ScanLikelihoodRatioCeiling"),
                 m_ScanLikelihoodRatioCeiling);
-    m_IgnoreTcpFlags =
-        CProbeClassifier::ParseIgnoreFlags(Setting(dom, "norvp.vexil.analysis.IgnoreTcpFlags"));
+    m_IgnoreTcpFlags = ParseTcpFlagList(Setting(dom, "norvp.vexil.analysis.IgnoreTcpFlags"));
 }
 
 void LogData::SetLogFileName(wxString name) {

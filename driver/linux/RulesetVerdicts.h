@@ -5,9 +5,12 @@
 // model gives the same numbers to the packets that it judges alike. This
 // table is the one place where they are written down.
 //
-// Actions and reasons are the record's codes: action 1 "Allow", 2 "Deny";
-// reasons 101 "Invalid Flags", 100 "Out Of Connection", 119 "Invalid Packet
-// Info", 121 "Unsolicited UDP", 122 "Unsolicited ICMP", 123 "Out Of Allowed
+// Actions and reasons are the record's codes. The action of a packet record
+// says what became of the packet: 1 is a dropped packet, which the syslog text
+// calls "Deny"; any other non-zero value a packet let through and logged
+// ("Log"). (The words "Allow" and "Deny" of the vocabulary's 1 and 2 belong to
+// a rule's filterAction, a different scale.) Reasons 101 "Invalid Flags", 100 "Out Of Connection",
+// 119 "Invalid Packet Info", 121 "Unsolicited UDP", 122 "Unsolicited ICMP", 123 "Out Of Allowed
 // Policy", 142 "New Connection". Reason 0 (no word) leaves the rule id to
 // speak: a blocked address.
 //
@@ -41,8 +44,8 @@ enum RuleId : uint32_t {
     kRuleDenyOther = 43,         // any other inbound protocol
 };
 
-constexpr int16_t kActionAllow = 1;
-constexpr int16_t kActionDeny = 2;
+constexpr int16_t kActionDeny = 1;
+constexpr int16_t kActionAllow = 2;
 
 struct RuleVerdict {
     const char* m_Name;  // the placeholder name in the ruleset template

@@ -50,6 +50,25 @@ describe("norvi replay", function()
     h:close()
   end)
 
+  it("gives records whose action the syslog text reads as the ruleset's verdict", function()
+    -- No rule is known to the configuration: the record's own action decides.
+    local log = SLB.vexil.LogData(SLB.norv.Dom(":memory:"))
+    local config = { agentConfiguration = { hostID = 1 } }
+    local h = assert(replay())
+    local seen = {}
+    for record in function() return h:next(100) end do
+      local id = field(record, 24, 4)
+      local act = log:SyslogFormat(record, "", config):match(" act=(%a+)")
+      seen[id] = seen[id] or act
+      assert.equal(seen[id], act)
+    end
+    h:close()
+    assert.equal("Log", seen[30])                  -- an allowed service, let through
+    for _, denied in ipairs { 11, 12, 13, 40 } do  -- NULL, Xmas, SYN-FIN, other TCP
+      assert.equal("Deny", seen[denied], "rule " .. denied)
+    end
+  end)
+
   it("turns the TLS session's key exchange into a key log line through the key service", function()
     local folder = support.tempdir()
     local socket = folder .. "/ssl.sock"
