@@ -10,9 +10,10 @@ set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_STRIP_FILES ON)
 # dpkg-shlibdeps derives the libraries' packages from what the binaries link
 # (libssl3, libwxbase3.2-1, libsqlite3-0, and the driver library's own); the
-# interpreter that loads the modules and the nft program are named here.
+# interpreter that loads the modules, the Lua library the agent program uses
+# and the nft program are named here.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "lua5.2")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "lua5.2, lua-posix")
 if(TARGET norvi_linux)
     string(APPEND CPACK_DEBIAN_PACKAGE_DEPENDS ", nftables")
 endif()
