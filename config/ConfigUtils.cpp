@@ -220,6 +220,12 @@ wxString ConfigUtils::TextResult(lua_State* state, int position) {
     return text != nullptr ? wxString::FromUTF8(text, length) : wxString();
 }
 
+std::string ConfigUtils::BytesResult(lua_State* state, int position) {
+    size_t length = 0;
+    const char* text = lua_tolstring(state, position, &length);
+    return text != nullptr ? std::string(text, length) : std::string();
+}
+
 i64 ConfigUtils::IntegerResult(lua_State* state, int position) {
     int isNumber = 0;
     const lua_Number number = lua_tonumberx(state, position, &isNumber);
@@ -252,7 +258,7 @@ bool ConfigUtils::ReadOrTrace(int (*reader)(lua_State*), void* query, int result
     return result == kRead;
 }
 
-bool ConfigUtils::getPacketFilterInfo(u32 id, wxString& name, u32& action) const {
+bool ConfigUtils::getPacketFilterInfo(u32 id, std::string& name, u32& action) const {
     static const EntryField kFields[] = {{"name", true}, {"filterAction", false}};
     EntryQuery query = {"packetFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 2,
                         kNoConfig};
@@ -265,15 +271,15 @@ bool ConfigUtils::getPacketFilterInfo(u32 id, wxString& name, u32& action) const
                                 static_cast<int>(id));
     });
     if (found) {
-        name = TextResult(L, top + 1);
+        name = BytesResult(L, top + 1);
         action = static_cast<u32>(IntegerResult(L, top + 2));
     }
     lua_settop(L, top);
     return found;
 }
 
-bool ConfigUtils::getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u32& severity,
-                                       wxString& identifier) const {
+bool ConfigUtils::getPayloadFilterInfo(u32 id, std::string& name, bool& incoming, u32& severity,
+                                       std::string& identifier) const {
     static const EntryField kFields[] = {
         {"name", true}, {"severity", false}, {"identifier", true}, {"incoming", false}};
     EntryQuery query = {"payloadFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 4,
@@ -287,16 +293,16 @@ bool ConfigUtils::getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u
                                 static_cast<int>(id));
     });
     if (found) {
-        name = TextResult(L, top + 1);
+        name = BytesResult(L, top + 1);
         severity = static_cast<u32>(IntegerResult(L, top + 2));
-        identifier = TextResult(L, top + 3);
+        identifier = BytesResult(L, top + 3);
         incoming = lua_toboolean(L, top + 4) != 0;
     }
     lua_settop(L, top);
     return found;
 }
 
-void ConfigUtils::getAgentConfigurationHostIdentity(wxString& hostname, u32& hostID) const {
+void ConfigUtils::getAgentConfigurationHostIdentity(std::string& hostname, u32& hostID) const {
     static const EntryField kFields[] = {{"hostID", false}, {"hostname", true}};
     EntryQuery query = {
         "agentConfiguration", EntryQuery::kWholeMap, 0, nullptr, 0, kFields, 2, kNoConfig};
@@ -310,12 +316,12 @@ void ConfigUtils::getAgentConfigurationHostIdentity(wxString& hostname, u32& hos
         NORV_TRACE(L"vexil", "Could not agentConfiguration map");
     } else {
         hostID = static_cast<u32>(IntegerResult(L, top + 1));
-        hostname = TextResult(L, top + 2);
+        hostname = BytesResult(L, top + 2);
     }
     lua_settop(L, top);
 }
 
-bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const {
+bool ConfigUtils::getInterfaceName(const std::string& mac, std::string& name) const {
     static const EntryField kFields[] = {{"name", true}};
     EntryQuery query = {"interfaceMap", EntryQuery::kTextKey, 0, mac.data(), mac.size(), kFields, 1,
                         kNoConfig};
@@ -328,7 +334,7 @@ bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const
                                 wxString::FromUTF8(mac));
     });
     if (found) {
-        name = TextResult(L, top + 1);
+        name = BytesResult(L, top + 1);
     }
     lua_settop(L, top);
     return found;

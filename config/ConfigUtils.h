@@ -53,16 +53,19 @@ public:
     // for the entry to raise with lua_error.
     void PushPendingError();
 
+    // The texts of these lookups are the table's bytes as they stand (UTF-8
+    // when the script keeps to it), so that a caller that writes them into
+    // narrow text converts nothing; a missing text reads as empty.
     // packetFilterMap[id]: name and filterAction.
-    bool getPacketFilterInfo(u32 id, wxString& name, u32& action) const;
+    bool getPacketFilterInfo(u32 id, std::string& name, u32& action) const;
     // payloadFilterMap[id]: name, severity, identifier and incoming.
-    bool getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u32& severity,
-                              wxString& identifier) const;
+    bool getPayloadFilterInfo(u32 id, std::string& name, bool& incoming, u32& severity,
+                              std::string& identifier) const;
     // agentConfiguration: hostID and hostname. A failure leaves both untouched
     // and is seen only in the trace, so the caller sets defaults first.
-    void getAgentConfigurationHostIdentity(wxString& hostname, u32& hostID) const;
+    void getAgentConfigurationHostIdentity(std::string& hostname, u32& hostID) const;
     // interfaceMap[mac], mac being the hardware address in hexadecimal text.
-    bool getInterfaceName(const std::string& mac, wxString& name) const;
+    bool getInterfaceName(const std::string& mac, std::string& name) const;
     bool getInterfaceConfigID(const std::string& mac, u32& id) const;
     // The configuration id of the driver's interface index: finds the entry
     // of driverInterfaceMap with that id (fractions cut off) and looks its
@@ -138,9 +141,11 @@ private:
     // items, name) start at position.
     void ReplaceList(int position, IpList*& list) const;
 
-    // Reader results: a string or nil as text (nil gives ""), a value as a
-    // whole number (anything that is no number gives 0).
+    // Reader results: a string or nil as text (nil gives ""), decoded from
+    // UTF-8 or as its bytes, a value as a whole number (anything that is no
+    // number gives 0).
     static wxString TextResult(lua_State* state, int position);
+    static std::string BytesResult(lua_State* state, int position);
     static i64 IntegerResult(lua_State* state, int position);
 
     // Registry reference of the kept error: kNoError, or kLostError when it
