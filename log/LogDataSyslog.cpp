@@ -355,17 +355,32 @@ void AppendEthernet(MessageBuffer& message, const DriverLogEntry* record, const 
     message.Append(type, sizeof type);
 }
 
+// An address of field 3: IPv4 in dotted decimal written here, the first
+// octet first, as it is on every message; IPv6 by the shared text.
+void AppendAddress(MessageBuffer& message, const DriverLogEntry* record, bool source) {
+    if (record->isIpv4()) {
+        const u8* octets = source ? record->iph_src_bytes() : record->iph_dest_bytes();
+        for (int i = 0; i < 4; ++i) {
+            if (i != 0) {
+                message.Append(".", 1);
+            }
+            message.AppendUnsigned(octets[i]);
+        }
+    } else {
+        AddressText(message.text, kLogBufSize, record, source);
+        message.Resync();
+    }
+}
+
 // Fields 3 to 10, common to both kinds of record.
 void AppendPacketFields(MessageBuffer& message, const DriverLogEntry* record, bool cef,
                         int format) {
     const bool native = format == 0;
     if (record->hasProtocol()) {
         message.Append(native ? " SRC=" : " src=");
-        AddressText(message.text, kLogBufSize, record, true);
-        message.Resync();
+        AppendAddress(message, record, true);
         message.Append(native ? " DST=" : " dst=");
-        AddressText(message.text, kLogBufSize, record, false);
-        message.Resync();
+        AppendAddress(message, record, false);
     }
 
     message.AppendField(!cef ? "LEN" : (record->isIncoming() ? "in" : "out"), record->packet_len());
@@ -496,7 +511,10 @@ void LogData::AppendHostIdentity(char* buffer, size_t size) {
         NORV_TRACE(L"vexil", "Cannot append host identify ConfigUtils is NULL");
         return;
     }
-    snprintfcat(buffer, size, " HOSTID=%d", int(ConfiguredHostId(*m_ConfigUtils)));
+    char text[24] = " HOSTID=";
+    const std::string digits = DecimalText(int(ConfiguredHostId(*m_ConfigUtils)));
+    strcat_safe(text, sizeof text, digits.c_str());
+    strcat_safe(buffer, size, text);
 }
 
 bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
