@@ -66,6 +66,22 @@ public:
     void getAgentConfigurationHostIdentity(std::string& hostname, u32& hostID) const;
     // interfaceMap[mac], mac being the hardware address in hexadecimal text.
     bool getInterfaceName(const std::string& mac, std::string& name) const;
+
+    // The values of a packet rule or of a payload filter, as
+    // getPacketFilterInfo and getPayloadFilterInfo give them; each stays as
+    // the caller set it unless the lookup that gives it finds its entry.
+    struct SyslogEventInfo {
+        std::string name;
+        u32 action = 0;         // of a packet rule
+        bool incoming = false;  // the rest of a payload filter
+        u32 severity = 0;
+        std::string identifier;
+    };
+    // What one syslog message needs of the table, in one protected read:
+    // unless id is 0, the payload filter (payload) or the packet rule of id
+    // into info, and hostID of agentConfiguration, each with the traces of
+    // its own lookup above. True when the rule or filter was found.
+    bool getSyslogEventInfo(bool payload, u32 id, SyslogEventInfo& info, u32& hostID) const;
     bool getInterfaceConfigID(const std::string& mac, u32& id) const;
     // The configuration id of the driver's interface index: finds the entry
     // of driverInterfaceMap with that id (fractions cut off) and looks its
@@ -136,6 +152,12 @@ private:
     void KeepError();
     // Frees the registry slot of the kept error, if any, and forgets it.
     void ReleaseKeptError();
+
+    // Take the reader results of a packet rule or a payload filter that
+    // start at position.
+    void TakePacketRule(int position, std::string& name, u32& action) const;
+    void TakePayloadFilter(int position, std::string& name, bool& incoming, u32& severity,
+                           std::string& identifier) const;
 
     // Replaces list by the named list whose three reader results (present,
     // items, name) start at position.

@@ -208,13 +208,6 @@ std::string DecimalText(i64 value) {
     return std::string(digits.text, digits.length);
 }
 
-u32 ConfiguredHostId(const ConfigUtils& config) {
-    std::string hostName;
-    u32 hostId = 0;
-    config.getAgentConfigurationHostIdentity(hostName, hostId);
-    return hostId;
-}
-
 // CEF severity of a payload filter's severity.
 int PayloadSeverity(u32 severity) {
     switch (severity) {
@@ -231,31 +224,35 @@ int PayloadSeverity(u32 severity) {
     }
 }
 
-// Everything step 1 learns about the event before any text is written; the
-// texts in UTF-8.
+// Everything step 1 learns about the event before any text is written, and
+// the host's id; the texts in UTF-8.
 struct EventName {
     std::string label;
     u32 packetAction = 2;    // for PacketActionText
     bool incoming = true;    // direction of a payload filter
     u32 severity = 0;        // of a payload filter
     std::string identifier;  // of a payload filter
+    u32 hostId = 0;
 };
 
 EventName NameOf(const DriverLogEntry* record, const ConfigUtils& config, bool cef) {
     EventName name;
     const u32 id = record->id();
-    if (record->isPacketRecord()) {
+    const bool packetRecord = record->isPacketRecord();
+    // The rule or filter and the host's id come in one read of the table.
+    ConfigUtils::SyslogEventInfo info;
+    info.incoming = name.incoming;
+    const bool found = config.getSyslogEventInfo(!packetRecord, id, info, name.hostId);
+    if (packetRecord) {
         if (id == 0) {
             if (record->reason() != 0) {
                 name.label = PacketReasonText(record->reason());
             }
         } else {
             // A known rule shows by its number, an unknown one not at all.
-            std::string ruleName;
-            u32 ruleAction = 0;
-            if (config.getPacketFilterInfo(id, ruleName, ruleAction)) {
+            if (found) {
                 name.label = DecimalText(int(id));
-                name.packetAction = ruleAction;
+                name.packetAction = info.action;
             }
             if (!cef) {
                 name.label.insert(0, "PKT:");
@@ -270,10 +267,11 @@ EventName NameOf(const DriverLogEntry* record, const ConfigUtils& config, bool c
             name.label = PayloadReasonText(record->reason());
         } else {
             // A known filter shows by its name, an unknown one by its number.
-            if (config.getPayloadFilterInfo(id, name.label, name.incoming, name.severity,
-                                            name.identifier)) {
-                name.label = ValidUtf8(std::move(name.label));
-                name.identifier = ValidUtf8(std::move(name.identifier));
+            if (found) {
+                name.label = ValidUtf8(std::move(info.name));
+                name.identifier = ValidUtf8(std::move(info.identifier));
+                name.incoming = info.incoming;
+                name.severity = info.severity;
             } else {
                 name.label = DecimalText(int(id));
             }
@@ -506,14 +504,9 @@ void AppendPayloadFields(MessageBuffer& message, const DriverLogEntry* record, b
 
 }  // namespace
 
-void LogData::AppendHostIdentity(char* buffer, size_t size) {
-    if (m_ConfigUtils == nullptr) {
-        NORV_TRACE(L"vexil", "Cannot append host identify ConfigUtils is NULL");
-        return;
-    }
+void LogData::AppendHostIdentity(char* buffer, size_t size, u32 hostId) {
     char text[24] = " HOSTID=";
-    const std::string digits = DecimalText(int(ConfiguredHostId(*m_ConfigUtils)));
-    strcat_safe(text, sizeof text, digits.c_str());
+    strcat_safe(text, sizeof text, DecimalText(int(hostId)).c_str());
     strcat_safe(buffer, size, text);
 }
 
@@ -536,13 +529,13 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
         if (!packetRecord) {
             message.Append((record->flags() & DriverLogEntry::kFlagBit1) ? " FWD" : " REV");
         }
-        AppendHostIdentity(message.text, kLogBufSize);
+        AppendHostIdentity(message.text, kLogBufSize, name.hostId);
         message.Resync();
     } else {
         m_Syslogger.AppendHeaderCEF(message.text, kLogBufSize);
         message.Resync();
         AppendCefHead(message, record, name);
-        m_Syslogger.AppendHostIdentityCEF(int(ConfiguredHostId(config)), message.text, kLogBufSize);
+        m_Syslogger.AppendHostIdentityCEF(int(name.hostId), message.text, kLogBufSize);
         message.Resync();
     }
 
