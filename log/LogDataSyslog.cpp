@@ -6,6 +6,7 @@
 // our own. The two settings are separate inputs: some keys follow the form,
 // others the format, and that mix is what receivers of these messages expect.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -114,53 +115,78 @@ wxString NativeValue(const wxString& text) {
     return shown;
 }
 
-// How a text (valid UTF-8) is made fit for its place in a message.
-enum class Placement { kNative, kCefPrefix, kCefExtension };
+// How a text (valid UTF-8) is made fit for its place in a message:
+// NativeValue, for the native head then in ASCII as the toolkit's ToAscii
+// makes it (each character beyond ASCII a '_'), or the syslogger's CEF
+// escapes.
+enum class Placement { kNative, kNativeAscii, kCefPrefix, kCefExtension };
 
-// The text as NativeValue or the syslogger's CEF escapes make it, in UTF-8.
-// Plain ASCII, the usual case, is handled here byte by byte; other text goes
-// through the toolkit's wide text, whose rules for the characters beyond
-// ASCII (C1 controls, line and paragraph separators) then apply unchanged.
-std::string Placed(const std::string& text, Placement placement) {
-    if (!IsPlainAscii(text)) {
-        const wxString wide = Wide(text);
-        switch (placement) {
-            case Placement::kNative:
-                return NativeValue(wide).utf8_string();
-            case Placement::kCefPrefix:
-                return CSyslogger::EscapeCEFPrefix(wide).utf8_string();
-            case Placement::kCefExtension:
-                return CSyslogger::EscapeCEFExtension(wide).utf8_string();
-        }
+// The toolkit's own rules, for text that is not plain ASCII: they also cover
+// the characters beyond it (C1 controls, line and paragraph separators).
+std::string WidePlaced(const std::string& text, Placement placement) {
+    const wxString wide = Wide(text);
+    switch (placement) {
+        case Placement::kNative:
+            return NativeValue(wide).utf8_string();
+        case Placement::kNativeAscii:
+            return std::string(NativeValue(wide).ToAscii().data());
+        case Placement::kCefPrefix:
+            return CSyslogger::EscapeCEFPrefix(wide).utf8_string();
+        case Placement::kCefExtension:
+            return CSyslogger::EscapeCEFExtension(wide).utf8_string();
     }
-    std::string shown;
-    shown.reserve(text.size() + 8);
+    return std::string();
+}
+
+// Appends text as placement makes it, at most limit bytes of the result, as
+// "%.<limit>s" takes them. Plain ASCII, the usual case, is placed here byte
+// by byte straight into the buffer.
+void AppendPlaced(MessageBuffer& message, const std::string& text, Placement placement,
+                  size_t limit = SIZE_MAX) {
+    if (!IsPlainAscii(text)) {
+        message.AppendUpTo(WidePlaced(text, placement), limit);
+        return;
+    }
+    char* out = message.text + message.length;
+    const size_t room = kLogBufSize - 1 - message.length;
+    char* const end = out + (limit < room ? limit : room);
     for (const char c : text) {
         const bool control = u8(c) < 0x20 || u8(c) == 0x7F;
+        char placed[2] = {c, 0};
+        size_t count = 1;
         switch (placement) {
             case Placement::kNative:
-                shown += control || c == ' ' ? '_' : c;
+            case Placement::kNativeAscii:
+                placed[0] = control || c == ' ' ? '_' : c;
                 break;
             case Placement::kCefPrefix:
                 if (c == '\\' || c == '|') {
-                    shown += '\\';
+                    placed[0] = '\\';
+                    placed[1] = c;
+                    count = 2;
+                } else if (control) {
+                    placed[0] = ' ';
                 }
-                shown += control ? ' ' : c;
                 break;
             case Placement::kCefExtension:
-                if (c == '\n' || c == '\r') {
-                    shown += '\\';
-                    shown += c == '\n' ? 'n' : 'r';
-                } else {
-                    if (c == '\\' || c == '=') {
-                        shown += '\\';
-                    }
-                    shown += control ? ' ' : c;
+                if (c == '\n' || c == '\r' || c == '\\' || c == '=') {
+                    placed[0] = '\\';
+                    placed[1] = c == '\n' ? 'n' : c == '\r' ? 'r' : c;
+                    count = 2;
+                } else if (control) {
+                    placed[0] = ' ';
                 }
                 break;
         }
+        for (size_t i = 0; i < count && out < end; ++i) {
+            *out++ = placed[i];
+        }
+        if (out == end) {
+            break;
+        }
     }
-    return shown;
+    *out = '\0';
+    message.length = size_t(out - message.text);
 }
 
 // The text (valid UTF-8) in ASCII: each character beyond it becomes '_', as
@@ -290,19 +316,18 @@ void AppendCefHead(MessageBuffer& message, const DriverLogEntry* record, const E
         const int severity = id != 0 && name.packetAction == 0 ? 0 : 5;
         message.AppendSigned(signature);
         message.Append("|", 1);
-        message.Append(Placed(name.label, Placement::kCefPrefix));
+        AppendPlaced(message, name.label, Placement::kCefPrefix);
         message.Append("|", 1);
         message.AppendSigned(severity);
     } else {
         if (id == 0) {
             message.AppendSigned(std::abs(int(record->reason())));
         } else {
-            message.Append(name.identifier.empty()
-                               ? std::string("10")
-                               : Placed(name.identifier, Placement::kCefPrefix));
+            AppendPlaced(message, name.identifier.empty() ? std::string("10") : name.identifier,
+                         Placement::kCefPrefix);
         }
         message.Append("|", 1);
-        message.Append(Placed(name.label, Placement::kCefPrefix));
+        AppendPlaced(message, name.label, Placement::kCefPrefix);
         message.Append("|", 1);
         message.AppendSigned(id == 0 ? 5 : PayloadSeverity(name.severity));
     }
@@ -333,14 +358,14 @@ void AppendEthernet(MessageBuffer& message, const DriverLogEntry* record, const 
     const std::string mac = HexText(record->interface_mac(), macLength);
     std::string name;
     config.getInterfaceName(mac, name);
-    const std::string shown = Placed(ValidUtf8(std::move(name)), Placement::kNative);
+    const std::string valid = ValidUtf8(std::move(name));
     message.Append(" IN=");
     if (incoming) {
-        message.Append(shown);
+        AppendPlaced(message, valid, Placement::kNative);
     }
     message.Append(" OUT=");
     if (!incoming) {
-        message.Append(shown);
+        AppendPlaced(message, valid, Placement::kNative);
     }
     // Only the low four bits of each byte of the type: 0x86DD gives 06:0d.
     static const char kDigits[] = "0123456789abcdef";
@@ -451,15 +476,16 @@ void AppendNote(MessageBuffer& message, const DriverLogEntry* record, bool cef) 
     }
     message.Append(cef ? " cs1=" : " NOTE=");
     if (printable) {
-        message.Append(
-            Placed(std::string(note, length), cef ? Placement::kCefExtension : Placement::kNative));
+        AppendPlaced(message, std::string(note, length),
+                     cef ? Placement::kCefExtension : Placement::kNative);
     } else {
-        std::string encoded =
+        const std::string encoded =
             NorvCore::toBase64String(std::string(note, length), false).utf8_string();
         if (cef) {
-            encoded = Placed(encoded, Placement::kCefExtension);
+            AppendPlaced(message, encoded, Placement::kCefExtension, 128);
+        } else {
+            message.AppendUpTo(encoded, 128);
         }
-        message.AppendUpTo(encoded, 128);
     }
 }
 
@@ -525,7 +551,7 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
     MessageBuffer message;
     if (!cef) {
         message.Append("REASON=");
-        message.AppendUpTo(AsciiOf(Placed(name.label, Placement::kNative)), 128);
+        AppendPlaced(message, name.label, Placement::kNativeAscii, 128);
         if (!packetRecord) {
             message.Append((record->flags() & DriverLogEntry::kFlagBit1) ? " FWD" : " REV");
         }
@@ -543,8 +569,7 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
         std::string act = (record->action() & 0x80) ? "IDS:" : "";
         act += PacketActionText(name.packetAction);
         message.Append(" act=");
-        message.AppendUpTo(Placed(act, format == 0 ? Placement::kNative : Placement::kCefExtension),
-                           32);
+        AppendPlaced(message, act, format == 0 ? Placement::kNative : Placement::kCefExtension, 32);
     }
     if (record->flags() & DriverLogEntry::kEthernetValid) {
         AppendEthernet(message, record, config, cef, format,
@@ -557,8 +582,9 @@ bool LogData::SyslogFormat(const DriverLogEntry* record, std::string& result) {
     }
     if (message.length == kLogBufSize - 1) {
         DropCutCharacter(message.text, message.length);
+        message.length = std::strlen(message.text);
     }
-    result.assign(message.text);
+    result.assign(message.text, message.length);
 
     // The packet data goes behind the bounded text, so it is not cut.
     if (format >= 2 && (record->log_flags() & DriverLogEntry::kLogTrailingData) &&
