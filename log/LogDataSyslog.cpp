@@ -42,7 +42,14 @@ struct MessageBuffer {
     void Append(const char* bytes, size_t count) {
         const size_t room = kLogBufSize - 1 - length;
         const size_t taken = count < room ? count : room;
-        std::memcpy(text + length, bytes, taken);
+        if (taken <= 16) {
+            // The usual piece: a key, a word, a number.
+            for (size_t i = 0; i < taken; ++i) {
+                text[length + i] = bytes[i];
+            }
+        } else {
+            std::memcpy(text + length, bytes, taken);
+        }
         length += taken;
         text[length] = '\0';
     }
