@@ -37,6 +37,8 @@ struct EntryQuery {
     const EntryField* fields;
     int fieldCount;
     EntryStage stage;
+    // A further query read in the same protected call, or null.
+    EntryQuery* next = nullptr;
 };
 
 // Traces why query found no entry, with mapTrace when the map is missing and
@@ -59,18 +61,18 @@ bool EntryFound(const EntryQuery& query, const char* mapTrace, EntryTrace entryT
     return true;
 }
 
-// Reader: configuration at 1, EntryQuery at 2. Returns the fields in order:
-// text fields as string or nil, the others as they stand.
-int ReadEntry(lua_State* L) {
-    EntryQuery& query = *static_cast<EntryQuery*>(lua_touserdata(L, 2));
+// Pushes what query looks for: map and entry, then its fields (text fields
+// as string or nil, the others as they stand); false when the entry is
+// missing, with query.stage saying where the search stopped.
+bool PushEntry(lua_State* L, EntryQuery& query) {
     query.stage = kNoConfig;
     if (!lua_istable(L, 1)) {
-        return 0;
+        return false;
     }
     query.stage = kNoMap;
     lua_getfield(L, 1, query.mapName);
     if (!lua_istable(L, -1)) {
-        return 0;
+        return false;
     }
     query.stage = kNoEntry;
     if (query.keyKind == EntryQuery::kNumberKey) {
@@ -81,7 +83,7 @@ int ReadEntry(lua_State* L) {
         lua_gettable(L, -2);
     }
     if (!lua_istable(L, -1)) {
-        return 0;
+        return false;
     }
     const int entry = lua_gettop(L);
     for (int i = 0; i < query.fieldCount; ++i) {
@@ -91,7 +93,31 @@ int ReadEntry(lua_State* L) {
         }
     }
     query.stage = kEntryRead;
-    return query.fieldCount;
+    return true;
+}
+
+// Reader: configuration at 1, the first EntryQuery of a chain at 2. Returns
+// the fields of each query in turn, nil for those of a missing entry.
+int ReadEntry(lua_State* L) {
+    int results = 0;
+    for (EntryQuery* query = static_cast<EntryQuery*>(lua_touserdata(L, 2)); query != nullptr;
+         query = query->next) {
+        const int base = lua_gettop(L);
+        if (PushEntry(L, *query)) {
+            // Only the fields stay: the map and the entry under them go.
+            const int found = lua_gettop(L) - query->fieldCount;
+            for (int i = base + 1; i <= found; ++i) {
+                lua_remove(L, base + 1);
+            }
+        } else {
+            lua_settop(L, base);
+            for (int i = 0; i < query->fieldCount; ++i) {
+                lua_pushnil(L);
+            }
+        }
+        results += query->fieldCount;
+    }
+    return results;
 }
 
 // What FindDriverInterface looks for, and what it found.
@@ -220,6 +246,12 @@ wxString ConfigUtils::TextResult(lua_State* state, int position) {
     return text != nullptr ? wxString::FromUTF8(text, length) : wxString();
 }
 
+std::string ConfigUtils::BytesResult(lua_State* state, int position) {
+    size_t length = 0;
+    const char* text = lua_tolstring(state, position, &length);
+    return text != nullptr ? std::string(text, length) : std::string();
+}
+
 i64 ConfigUtils::IntegerResult(lua_State* state, int position) {
     int isNumber = 0;
     const lua_Number number = lua_tonumberx(state, position, &isNumber);
@@ -252,70 +284,146 @@ bool ConfigUtils::ReadOrTrace(int (*reader)(lua_State*), void* query, int result
     return result == kRead;
 }
 
-bool ConfigUtils::getPacketFilterInfo(u32 id, wxString& name, u32& action) const {
-    static const EntryField kFields[] = {{"name", true}, {"filterAction", false}};
-    EntryQuery query = {"packetFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 2,
-                        kNoConfig};
-    const int top = lua_gettop(L);
-    if (!ReadOrTrace(ReadEntry, &query, 2)) {
-        return false;
-    }
-    const bool found = EntryFound(query, "Could not get packetFilterMap", [id] {
+namespace {
+
+const EntryField kPacketRuleFields[] = {{"name", true}, {"filterAction", false}};
+const EntryField kPayloadFilterFields[] = {
+    {"name", true}, {"severity", false}, {"identifier", true}, {"incoming", false}};
+const EntryField kHostIdentityFields[] = {{"hostID", false}, {"hostname", true}};
+
+EntryQuery PacketRuleQuery(u32 id) {
+    return {"packetFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kPacketRuleFields, 2,
+            kNoConfig};
+}
+
+EntryQuery PayloadFilterQuery(u32 id) {
+    return {"payloadFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kPayloadFilterFields, 4,
+            kNoConfig};
+}
+
+// hostname is read only when fields says so (2), hostID always.
+EntryQuery HostIdentityQuery(int fields) {
+    return {"agentConfiguration",
+            EntryQuery::kWholeMap,
+            0,
+            nullptr,
+            0,
+            kHostIdentityFields,
+            fields,
+            kNoConfig};
+}
+
+bool PacketRuleFound(const EntryQuery& query, u32 id) {
+    return EntryFound(query, "Could not get packetFilterMap", [id] {
         return wxString::Format("Filter ID %d was not found in the packetFilterMap",
                                 static_cast<int>(id));
     });
-    if (found) {
-        name = TextResult(L, top + 1);
-        action = static_cast<u32>(IntegerResult(L, top + 2));
-    }
-    lua_settop(L, top);
-    return found;
 }
 
-bool ConfigUtils::getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u32& severity,
-                                       wxString& identifier) const {
-    static const EntryField kFields[] = {
-        {"name", true}, {"severity", false}, {"identifier", true}, {"incoming", false}};
-    EntryQuery query = {"payloadFilterMap", EntryQuery::kNumberKey, id, nullptr, 0, kFields, 4,
-                        kNoConfig};
-    const int top = lua_gettop(L);
-    if (!ReadOrTrace(ReadEntry, &query, 4)) {
-        return false;
-    }
-    const bool found = EntryFound(query, "Could not get payloadFilterMap", [id] {
+bool PayloadFilterFound(const EntryQuery& query, u32 id) {
+    return EntryFound(query, "Could not get payloadFilterMap", [id] {
         return wxString::Format("Filter ID %d was not found in the payloadFilterMap",
                                 static_cast<int>(id));
     });
-    if (found) {
-        name = TextResult(L, top + 1);
-        severity = static_cast<u32>(IntegerResult(L, top + 2));
-        identifier = TextResult(L, top + 3);
-        incoming = lua_toboolean(L, top + 4) != 0;
-    }
-    lua_settop(L, top);
-    return found;
 }
 
-void ConfigUtils::getAgentConfigurationHostIdentity(wxString& hostname, u32& hostID) const {
-    static const EntryField kFields[] = {{"hostID", false}, {"hostname", true}};
-    EntryQuery query = {
-        "agentConfiguration", EntryQuery::kWholeMap, 0, nullptr, 0, kFields, 2, kNoConfig};
-    const int top = lua_gettop(L);
-    if (!ReadOrTrace(ReadEntry, &query, 2)) {
-        return;
-    }
+bool HostIdentityFound(const EntryQuery& query) {
     if (query.stage == kNoConfig) {
         NORV_TRACE(L"vexil", "Could not get config map");
     } else if (query.stage == kNoMap) {
         NORV_TRACE(L"vexil", "Could not agentConfiguration map");
-    } else {
+    }
+    return query.stage == kEntryRead;
+}
+
+}  // namespace
+
+void ConfigUtils::TakePacketRule(int position, std::string& name, u32& action) const {
+    name = BytesResult(L, position);
+    action = static_cast<u32>(IntegerResult(L, position + 1));
+}
+
+void ConfigUtils::TakePayloadFilter(int position, std::string& name, bool& incoming, u32& severity,
+                                    std::string& identifier) const {
+    name = BytesResult(L, position);
+    severity = static_cast<u32>(IntegerResult(L, position + 1));
+    identifier = BytesResult(L, position + 2);
+    incoming = lua_toboolean(L, position + 3) != 0;
+}
+
+bool ConfigUtils::getPacketFilterInfo(u32 id, std::string& name, u32& action) const {
+    EntryQuery query = PacketRuleQuery(id);
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 2)) {
+        return false;
+    }
+    const bool found = PacketRuleFound(query, id);
+    if (found) {
+        TakePacketRule(top + 1, name, action);
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+bool ConfigUtils::getPayloadFilterInfo(u32 id, std::string& name, bool& incoming, u32& severity,
+                                       std::string& identifier) const {
+    EntryQuery query = PayloadFilterQuery(id);
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 4)) {
+        return false;
+    }
+    const bool found = PayloadFilterFound(query, id);
+    if (found) {
+        TakePayloadFilter(top + 1, name, incoming, severity, identifier);
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+void ConfigUtils::getAgentConfigurationHostIdentity(std::string& hostname, u32& hostID) const {
+    EntryQuery query = HostIdentityQuery(2);
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, &query, 2)) {
+        return;
+    }
+    if (HostIdentityFound(query)) {
         hostID = static_cast<u32>(IntegerResult(L, top + 1));
-        hostname = TextResult(L, top + 2);
+        hostname = BytesResult(L, top + 2);
     }
     lua_settop(L, top);
 }
 
-bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const {
+bool ConfigUtils::getSyslogEventInfo(bool payload, u32 id, SyslogEventInfo& info,
+                                     u32& hostID) const {
+    EntryQuery rule = payload ? PayloadFilterQuery(id) : PacketRuleQuery(id);
+    EntryQuery host = HostIdentityQuery(1);
+    rule.next = &host;
+    EntryQuery* first = id != 0 ? &rule : &host;
+    const int ruleFields = id != 0 ? rule.fieldCount : 0;
+    const int top = lua_gettop(L);
+    if (!ReadOrTrace(ReadEntry, first, ruleFields + 1)) {
+        return false;
+    }
+    bool found = false;
+    if (id != 0 && payload) {
+        found = PayloadFilterFound(rule, id);
+        if (found) {
+            TakePayloadFilter(top + 1, info.name, info.incoming, info.severity, info.identifier);
+        }
+    } else if (id != 0) {
+        found = PacketRuleFound(rule, id);
+        if (found) {
+            TakePacketRule(top + 1, info.name, info.action);
+        }
+    }
+    if (HostIdentityFound(host)) {
+        hostID = static_cast<u32>(IntegerResult(L, top + ruleFields + 1));
+    }
+    lua_settop(L, top);
+    return found;
+}
+
+bool ConfigUtils::getInterfaceName(const std::string& mac, std::string& name) const {
     static const EntryField kFields[] = {{"name", true}};
     EntryQuery query = {"interfaceMap", EntryQuery::kTextKey, 0, mac.data(), mac.size(), kFields, 1,
                         kNoConfig};
@@ -328,7 +436,7 @@ bool ConfigUtils::getInterfaceName(const std::string& mac, wxString& name) const
                                 wxString::FromUTF8(mac));
     });
     if (found) {
-        name = TextResult(L, top + 1);
+        name = BytesResult(L, top + 1);
     }
     lua_settop(L, top);
     return found;

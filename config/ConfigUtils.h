@@ -53,16 +53,35 @@ public:
     // for the entry to raise with lua_error.
     void PushPendingError();
 
+    // The texts of these lookups are the table's bytes as they stand (UTF-8
+    // when the script keeps to it), so that a caller that writes them into
+    // narrow text converts nothing; a missing text reads as empty.
     // packetFilterMap[id]: name and filterAction.
-    bool getPacketFilterInfo(u32 id, wxString& name, u32& action) const;
+    bool getPacketFilterInfo(u32 id, std::string& name, u32& action) const;
     // payloadFilterMap[id]: name, severity, identifier and incoming.
-    bool getPayloadFilterInfo(u32 id, wxString& name, bool& incoming, u32& severity,
-                              wxString& identifier) const;
+    bool getPayloadFilterInfo(u32 id, std::string& name, bool& incoming, u32& severity,
+                              std::string& identifier) const;
     // agentConfiguration: hostID and hostname. A failure leaves both untouched
     // and is seen only in the trace, so the caller sets defaults first.
-    void getAgentConfigurationHostIdentity(wxString& hostname, u32& hostID) const;
+    void getAgentConfigurationHostIdentity(std::string& hostname, u32& hostID) const;
     // interfaceMap[mac], mac being the hardware address in hexadecimal text.
-    bool getInterfaceName(const std::string& mac, wxString& name) const;
+    bool getInterfaceName(const std::string& mac, std::string& name) const;
+
+    // The values of a packet rule or of a payload filter, as
+    // getPacketFilterInfo and getPayloadFilterInfo give them; each stays as
+    // the caller set it unless the lookup that gives it finds its entry.
+    struct SyslogEventInfo {
+        std::string name;
+        u32 action = 0;         // of a packet rule
+        bool incoming = false;  // the rest of a payload filter
+        u32 severity = 0;
+        std::string identifier;
+    };
+    // What one syslog message needs of the table, in one protected read:
+    // unless id is 0, the payload filter (payload) or the packet rule of id
+    // into info, and hostID of agentConfiguration, each with the traces of
+    // its own lookup above. True when the rule or filter was found.
+    bool getSyslogEventInfo(bool payload, u32 id, SyslogEventInfo& info, u32& hostID) const;
     bool getInterfaceConfigID(const std::string& mac, u32& id) const;
     // The configuration id of the driver's interface index: finds the entry
     // of driverInterfaceMap with that id (fractions cut off) and looks its
@@ -134,13 +153,21 @@ private:
     // Frees the registry slot of the kept error, if any, and forgets it.
     void ReleaseKeptError();
 
+    // Take the reader results of a packet rule or a payload filter that
+    // start at position.
+    void TakePacketRule(int position, std::string& name, u32& action) const;
+    void TakePayloadFilter(int position, std::string& name, bool& incoming, u32& severity,
+                           std::string& identifier) const;
+
     // Replaces list by the named list whose three reader results (present,
     // items, name) start at position.
     void ReplaceList(int position, IpList*& list) const;
 
-    // Reader results: a string or nil as text (nil gives ""), a value as a
-    // whole number (anything that is no number gives 0).
+    // Reader results: a string or nil as text (nil gives ""), decoded from
+    // UTF-8 or as its bytes, a value as a whole number (anything that is no
+    // number gives 0).
     static wxString TextResult(lua_State* state, int position);
+    static std::string BytesResult(lua_State* state, int position);
     static i64 IntegerResult(lua_State* state, int position);
 
     // Registry reference of the kept error: kNoError, or kLostError when it

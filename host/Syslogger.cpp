@@ -1,7 +1,9 @@
 #include "host/Syslogger.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
+#include <string>
 
 #include <wx/utils.h>
 
@@ -129,14 +131,27 @@ void CSyslogger::AppendHeaderCEF(char* buffer, size_t size) {
 }
 
 void CSyslogger::AppendHostIdentityCEF(int hostId, char* buffer, size_t size) {
-    std::string text = " dvchost=";
-    {
-        CMutexLocker guard(m_Lock);
-        text += m_HostNameCEF;
+    static const char kHostKey[] = " dvchost=";
+    static const char kIdKey[] = " deviceExternalId=";
+    // The identity is appended as one text, so that a cut falls on a
+    // character boundary of the whole; it is built in place when it fits.
+    const std::string id = std::to_string(hostId);
+    char local[256];
+    CMutexLocker guard(m_Lock);
+    const size_t length =
+        sizeof kHostKey - 1 + m_HostNameCEF.size() + sizeof kIdKey - 1 + id.size();
+    std::string heap;
+    char* text = local;
+    if (length > sizeof local) {
+        heap.resize(length);
+        text = &heap[0];
     }
-    text += " deviceExternalId=";
-    text += std::to_string(hostId);
-    AppendUtf8(buffer, size, text.data(), text.size());
+    char* end = text;
+    end = std::copy(kHostKey, kHostKey + sizeof kHostKey - 1, end);
+    end = std::copy(m_HostNameCEF.begin(), m_HostNameCEF.end(), end);
+    end = std::copy(kIdKey, kIdKey + sizeof kIdKey - 1, end);
+    std::copy(id.begin(), id.end(), end);
+    AppendUtf8(buffer, size, text, length);
 }
 
 bool CSyslogger::IsControlCharacter(wxUniChar c) {

@@ -200,8 +200,8 @@ private:
     bool FlushWalk(bool force, u32 now) REQUIRES(m_CacheLock);
     // Removes a record from the cache and its index; the next record.
     RecordMap::iterator EraseRecord(RecordMap::iterator record) REQUIRES(m_CacheLock);
-    // Appends " HOSTID=<id>" with the configuration's host id.
-    void AppendHostIdentity(char* buffer, size_t size);
+    // Appends " HOSTID=<hostId>", the configuration's host id.
+    static void AppendHostIdentity(char* buffer, size_t size, u32 hostId);
 
     NorvCore::CCriticalSection m_ReadLock;  // held through a read-back
     NorvCore::CCriticalSection m_QueueLock;

@@ -5,13 +5,30 @@
 
 #include <wx/translation.h>
 
+#include "host/TextHelpers.h"
+
 namespace VEXIL {
 
 namespace {
 
-// The catalogue's text for an English word, or the word itself.
-wxString Translated(const char* english) {
-    return wxGetTranslation(wxString::FromAscii(english));
+// The catalogue's text for an English word in UTF-8, or the word itself.
+// Without a translations object the toolkit's lookup gives the word back as
+// it stands, so that case, the usual one, is answered without it. With one,
+// every word is looked up: catalogues can be added to it and its language
+// changed at any time, with no notice that a cache could follow.
+std::string Translated(const char* english) {
+    if (wxTranslations::Get() == nullptr) {
+        return english;
+    }
+    return wxGetTranslation(wxString::FromAscii(english)).utf8_string();
+}
+
+// A number by a printf format of one conversion that takes value's type.
+template <typename Value>
+std::string Number(const char* format, Value value) {
+    char text[16];
+    snprintf_safe(text, sizeof text, format, value);
+    return text;
 }
 
 const char* const kPacketActions[] = {"Log", "Allow", "Deny", "Force Allow", "Bypass"};
@@ -140,36 +157,36 @@ const ReasonWord kPayloadReasons[] = {
 
 }  // namespace
 
-wxString PacketActionText(u32 action) {
+std::string PacketActionText(u32 action) {
     if (action < std::size(kPacketActions)) {
         return Translated(kPacketActions[action]);
     }
-    return wxString::Format("%u", action);
+    return Number("%u", action);
 }
 
-wxString PacketReasonText(i32 reason) {
+std::string PacketReasonText(i32 reason) {
     const i64 index = i64(reason) - kFirstPacketReason;
     if (index >= 0 && index < i64(std::size(kPacketReasons)) && kPacketReasons[index] != nullptr) {
         return Translated(kPacketReasons[index]);
     }
-    return wxString::Format("%#x", unsigned(reason));
+    return Number("%#x", unsigned(reason));
 }
 
-wxString PayloadActionText(i32 action) {
+std::string PayloadActionText(i32 action) {
     const i32 word = action & ~0x80;
-    wxString text;
+    std::string text;
     if (action & 0x80) {
         text = Translated("Detect Only: ");
     }
     if (word >= 0 && word < i32(std::size(kPayloadActions)) && kPayloadActions[word] != nullptr) {
         text += Translated(kPayloadActions[word]);
     } else {
-        text += wxString::Format("%d", word);
+        text += Number("%d", word);
     }
     return text;
 }
 
-wxString PayloadReasonText(i32 reason) {
+std::string PayloadReasonText(i32 reason) {
     const ReasonWord* end = std::end(kPayloadReasons);
     const ReasonWord* found =
         std::lower_bound(std::begin(kPayloadReasons), end, reason,
@@ -177,7 +194,7 @@ wxString PayloadReasonText(i32 reason) {
     if (found != end && found->code == reason) {
         return Translated(found->text);
     }
-    return Translated("Error: ") + wxString::Format("%d", reason);
+    return Translated("Error: ") + Number("%d", reason);
 }
 
 }  // namespace VEXIL

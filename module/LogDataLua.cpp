@@ -141,7 +141,10 @@ int SyslogFormatLua(lua_State* L) {
     const char* data = BytesArgument(L, 3, dataLength);
     ConfigUtils* config = OpenConfig(L, log, 4);
     const int results = GuardEntry(L, "SyslogFormat()", EntryFailure::EmptyString, [&] {
-        std::string text;
+        // The message is made in a text that the thread keeps, so that no
+        // message after the first costs an allocation of its own.
+        static thread_local std::string text;
+        text.clear();
         RecordCopy copy;
         // A record shorter than its fixed part, or a block that does not fit
         // the working copy, is refused, never read past.

@@ -76,23 +76,23 @@ TEST_F(ConfigUtilsTest, RuleAndHostLookupsReadUtf8AndDefaults) {
         "} }");
     // The four values of a payload filter, or "missing".
     const auto payload = [&config](u32 id) {
-        wxString name, identifier;
+        std::string name, identifier;
         bool incoming = false;
         u32 severity = 9;
         if (!config.getPayloadFilterInfo(id, name, incoming, severity, identifier)) {
             return std::string("missing");
         }
-        return (name + wxString::Format("|%d|%u|", incoming, severity) + identifier).ToStdString();
+        return name + wxString::Format("|%d|%u|", incoming, severity).ToStdString() + identifier;
     };
     EXPECT_EQ("sig|1|2|CVE-1", payload(4));
     EXPECT_EQ("|0|0|", payload(5));  // missing fields read as empty, false and 0
-    wxString name;
+    std::string name;
     u32 action = 0, hostID = 1;
     EXPECT_TRUE(config.getPacketFilterInfo(12, name, action));
-    EXPECT_EQ(wxString::FromUTF8(u8"Zugriff für Größe ✓"), name);
+    EXPECT_EQ(u8"Zugriff für Größe ✓", name);
     EXPECT_EQ(3u, action);
     config.getAgentConfigurationHostIdentity(name, hostID);
-    EXPECT_EQ(wxString::FromUTF8(u8"wächter"), name);
+    EXPECT_EQ(u8"wächter", name);
     EXPECT_EQ(77u, hostID);
     ExpectNoTrace();
 
@@ -100,12 +100,12 @@ TEST_F(ConfigUtilsTest, RuleAndHostLookupsReadUtf8AndDefaults) {
     ExpectTrace("Filter ID 9 was not found in the packetFilterMap");
     EXPECT_EQ("missing", payload(6));
     ExpectTrace("Filter ID 6 was not found in the payloadFilterMap");
-    EXPECT_EQ(wxString::FromUTF8(u8"wächter"), name);
+    EXPECT_EQ(u8"wächter", name);
     EXPECT_EQ(1, lua_gettop(L));
 }
 
 TEST_F(ConfigUtilsTest, MissingTableOrGroupFailsEveryLookupWithItsTrace) {
-    wxString text = "untouched";
+    std::string text = "untouched";
     u32 number = 42, enabled = 0, notify = 0;
     bool flag = true;
     IpList* list = nullptr;
@@ -158,7 +158,7 @@ TEST_F(ConfigUtilsTest, InterfaceLookupsJoinDriverIndexToConfigurationId) {
         EXPECT_EQ(1, lua_gettop(L));
     }
     ConfigUtils config(L, 1);
-    wxString name;
+    std::string name;
     EXPECT_TRUE(config.getInterfaceName("001b21000007", name));
     EXPECT_EQ("eth0", name);
     u32 id = 99;

@@ -22,7 +22,7 @@ template <typename Text>
 std::string Words(Text text, std::initializer_list<long long> codes) {
     std::string words;
     for (long long code : codes) {
-        words += (words.empty() ? "" : "|") + text(code).utf8_string();
+        words += (words.empty() ? "" : "|") + text(code);
     }
     return words;
 }

@@ -284,6 +284,18 @@ describe("log:SyslogFormat", function()
                       "FLAGS" }, keys)
   end)
 
+  it("writes a name beyond ASCII as UTF-8 in CEF, as '_' per character in the native head",
+     function()
+    -- A name that is no UTF-8 reads as empty.
+    for _, case in ipairs { { "Größe x", "Gr__e_x", "Größe x" }, { "ab\255", "", "" } } do
+      local cfg = config()
+      cfg.payloadFilterMap[4711].name = case[1]
+      assert.matches("^REASON=PLD:" .. case[2] .. " FWD ", format(payload(), false, 0, "", cfg))
+      assert.matches(HEADER .. "4711|" .. case[3] .. "|6|", format(payload(), true, 0, "", cfg),
+                     1, true)
+    end
+  end)
+
   it("cuts a message at its buffer on a character boundary", function()
     -- The buffer ends at byte 65535; k ASCII bytes in front of the name move
     -- that end over every byte of the name's multi-byte characters.
