@@ -82,15 +82,17 @@ def frame(payload):
 
 
 def main():
-    # Link-layer packets: the TLS session with its RSA key exchange, the
-    # probes, IPv6, UDP and ICMP, each link type once or more.
+    # Link-layer packets: the TLS session with its RSA key exchange, an HTTP
+    # session, the probes, IPv6, UDP and ICMP, each link type once or more.
     tls = list(range(24, 41))
-    probes = list(range(8, 20))
+    http = list(range(8, 20))
+    probes = list(range(48, 75))
     mixed = [1, 2, 3, 4, 5, 6, 7, 20, 21, 22, 23, 43, 44, 45, 46, 47, 63, 72]
     scan = list(range(2095, 2101)) + list(range(2922, 2935))
     write("fuzz_capture_packets", "seed-tls-ethernet", packets_seed(0, tls))
     write("fuzz_capture_packets", "seed-tls-raw", packets_seed(3, tls))
-    write("fuzz_capture_packets", "seed-probes-sll", packets_seed(1, probes))
+    write("fuzz_capture_packets", "seed-http-sll", packets_seed(1, http))
+    write("fuzz_capture_packets", "seed-probes-ethernet", packets_seed(0, probes))
     write("fuzz_capture_packets", "seed-mixed-sll2", packets_seed(2, mixed))
     write("fuzz_capture_packets", "seed-mixed-ethernet", packets_seed(0, mixed))
     write("fuzz_capture_packets", "seed-scan-raw", packets_seed(3, scan))
@@ -105,7 +107,7 @@ def main():
 
     # NFLOG messages: inbound with time stamp and Ethernet header, outbound
     # without either, IPv6, two in one read, and a prefix that is no verdict.
-    packets = [relink(f, 3) for f in frames([8, 2923, 43])]
+    packets = [relink(f, 3) for f in frames([10, 2923, 43])]
     write("fuzz_nflog", "seed-inbound", nflog(packets[0]))
     write("fuzz_nflog", "seed-outbound", nflog(packets[2], prefix=b"vx:1:0:3", hook=3,
                                                stamp=False, ethernet=False))
