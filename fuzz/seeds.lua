@@ -4,6 +4,8 @@
 --   LUA_CPATH="build/?.so;;" lua5.2 fuzz/seeds.lua
 -- Seeds that replay fixed findings are written by hand and kept apart
 -- (named finding-*); this script leaves them alone.
+-- The driver interface's harnesses (fuzz_nflog, fuzz_capture_*, fuzz_ssl_frames)
+-- get their seeds from fuzz/driver_seeds.py instead.
 local norv = require "norv"
 local norvi = require "norvi"
 assert(require "vexil")

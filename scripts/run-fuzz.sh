@@ -16,6 +16,11 @@ else
   mapfile -t harnesses < <(grep -v '^$' "$build/fuzzers.txt")
 fi
 
+# The SSL harnesses take the driver stand-in, not the Linux library that the
+# build tree also holds.
+export NORVI_LIBRARY
+NORVI_LIBRARY="$(cd "$build" && pwd)/standin/libnorvi.so"
+
 failed=()
 for harness in "${harnesses[@]}"; do
   work="$build/fuzz-corpus/$harness"

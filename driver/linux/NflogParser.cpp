@@ -27,10 +27,31 @@ void CNflogParser::Feed(const void* buffer, size_t length, const timeval& receiv
                         std::deque<SourceRecord>& out) {
     m_ReceiveTime = receiveTime;
     m_Out = &out;
-    if (mnl_cb_run(buffer, length, 0, 0, &CNflogParser::OnMessage, this) == MNL_CB_ERROR) {
+    // libmnl compares a message's length with what is left as signed ints, so
+    // a length of 2 GiB or more would pass its check and be read: the messages
+    // are bounded here first, and those from an overrunning one on dropped.
+    const size_t whole = WholeMessages(buffer, length);
+    if (mnl_cb_run(buffer, whole, 0, 0, &CNflogParser::OnMessage, this) == MNL_CB_ERROR) {
         CountDropped(std::string("unreadable netlink message: ") + strerror(errno));
     }
+    if (whole != length) {
+        CountDropped("netlink message longer than the " + std::to_string(length - whole) +
+                     " bytes left of the read");
+    }
     m_Out = nullptr;
+}
+
+size_t CNflogParser::WholeMessages(const void* buffer, size_t length) {
+    size_t offset = 0;
+    while (length - offset >= sizeof(nlmsghdr)) {
+        nlmsghdr header;
+        memcpy(&header, static_cast<const uint8_t*>(buffer) + offset, sizeof header);
+        if (header.nlmsg_len < sizeof header || header.nlmsg_len > length - offset) {
+            return offset;
+        }
+        offset = std::min<size_t>(length, offset + NLMSG_ALIGN(header.nlmsg_len));
+    }
+    return length;
 }
 
 void CNflogParser::CountDropped(const std::string& reason) {

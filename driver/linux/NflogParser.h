@@ -47,6 +47,9 @@ public:
     const std::string& LastDrop() const { return m_LastDrop; }
 
 private:
+    // The length of the messages at the start of buffer that lie within it
+    // whole (a tail shorter than a message header counts as theirs).
+    static size_t WholeMessages(const void* buffer, size_t length);
     static int OnMessage(const nlmsghdr* message, void* self);
     // One NFLOG packet message into record; false with the reason in m_LastDrop.
     bool Build(const nlmsghdr* message, SourceRecord& record);

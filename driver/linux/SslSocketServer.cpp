@@ -61,7 +61,7 @@ struct CSslSocketServer::Client {
     explicit Client(int fd) : m_Fd(fd) {}
     ~Client() { close(m_Fd); }
     const int m_Fd;
-    std::vector<uint8_t> m_Input;  // server thread: bytes of an incomplete frame
+    CSslFrameReader m_Frames;  // server thread
     std::mutex m_SendLock;
     bool m_Open = true;  // m_SendLock
 };
@@ -187,36 +187,26 @@ void CSslSocketServer::Accept() {
 }
 
 bool CSslSocketServer::ReadFrom(Client& client, const std::shared_ptr<Client>& shared) {
-    const size_t before = client.m_Input.size();
-    client.m_Input.resize(before + kReadChunk);
-    const ssize_t got = recv(client.m_Fd, client.m_Input.data() + before, kReadChunk, MSG_DONTWAIT);
-    client.m_Input.resize(before + (got > 0 ? static_cast<size_t>(got) : 0));
+    uint8_t chunk[kReadChunk];
+    const ssize_t got = recv(client.m_Fd, chunk, sizeof chunk, MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
         return true;
     }
     if (got <= 0) {
-        if (!client.m_Input.empty()) {
-            Drop(client, "SSL socket: a client hung up in the middle of a request (" +
-                             std::to_string(client.m_Input.size()) + " bytes of it came)");
+        if (client.m_Frames.Pending() != 0) {
+            Drop("SSL socket: a client hung up in the middle of a request (" +
+                 std::to_string(client.m_Frames.Pending()) + " bytes of it came)");
         }
         return false;
     }
-    size_t position = 0;
-    while (client.m_Input.size() - position >= kSslFramePrefix) {
-        const uint32_t length = FrameLength(client.m_Input.data() + position);
-        if (length < kSslHeaderSize || length > kSslRequestMax) {
-            Drop(client, "SSL socket: a request of " + std::to_string(length) +
-                             " bytes is outside 80 to " + std::to_string(kSslRequestMax));
-            return false;
-        }
-        if (client.m_Input.size() - position - kSslFramePrefix < length) {
-            break;
-        }
-        Submit(shared, client.m_Input.data() + position + kSslFramePrefix, length);
-        position += kSslFramePrefix + length;
+    std::string error;
+    if (!client.m_Frames.Feed(
+            chunk, static_cast<size_t>(got),
+            [this, &shared](const uint8_t* frame, size_t length) { Submit(shared, frame, length); },
+            error)) {
+        Drop(error);
+        return false;
     }
-    client.m_Input.erase(client.m_Input.begin(),
-                         client.m_Input.begin() + static_cast<long>(position));
     return true;
 }
 
@@ -257,11 +247,10 @@ void CSslSocketServer::Submit(const std::shared_ptr<Client>& client, const uint8
     Send(*client, failure, sizeof failure);
 }
 
-void CSslSocketServer::Drop(Client& client, const std::string& reason) {
+void CSslSocketServer::Drop(const std::string& reason) {
     const std::lock_guard<std::mutex> guard(m_Lock);
     ++m_Counters.m_Dropped;
     m_LastError = reason;
-    client.m_Input.clear();
 }
 
 int CSslSocketServer::Send(Client& client, const uint8_t* message, size_t length) {

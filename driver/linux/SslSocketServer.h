@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "driver/linux/SslFrameReader.h"
 #include "driver/linux/SslSocketProtocol.h"
 
 namespace NORVI {
@@ -90,7 +91,7 @@ private:
     bool ReadFrom(Client& client, const std::shared_ptr<Client>& shared);
     // Queues a request or answers it with a failure when full.
     void Submit(const std::shared_ptr<Client>& client, const uint8_t* frame, size_t length);
-    void Drop(Client& client, const std::string& reason);
+    void Drop(const std::string& reason);
     static int Send(Client& client, const uint8_t* message, size_t length);
 
     std::string m_Path;

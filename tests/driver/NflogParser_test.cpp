@@ -192,9 +192,17 @@ TEST_F(NflogParserTest, LengthsThatOverrunTheBufferAreNeverRead) {
     std::vector<uint8_t> message = bytes;
     reinterpret_cast<nlmsghdr*>(message.data())->nlmsg_len = 0xffff;
     EXPECT_TRUE(Feed(message).empty());
+    // One that claims 2 GiB or more (libmnl takes the length as signed)
+    // behind a good one, which still counts.
+    std::vector<uint8_t> two = bytes;
+    two.insert(two.end(), bytes.begin(), bytes.end());
+    reinterpret_cast<nlmsghdr*>(two.data() + bytes.size())->nlmsg_len = 0x80000000;
+    const uint64_t dropped = m_Parser.Counters().m_Dropped;
+    EXPECT_EQ(1u, Feed(two).size());
+    EXPECT_EQ(dropped + 1, m_Parser.Counters().m_Dropped);
     bytes.resize(bytes.size() / 2);
     EXPECT_TRUE(Feed(bytes).empty());
-    EXPECT_EQ(0u, m_Parser.Counters().m_Records);
+    EXPECT_EQ(1u, m_Parser.Counters().m_Records);
 }
 
 TEST_F(NflogParserTest, HolesInTheSequenceNumbersAreCountedAsGaps) {
