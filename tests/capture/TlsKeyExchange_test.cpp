@@ -151,26 +151,12 @@ Bytes Segment(bool fromClient, uint8_t flags, uint32_t seq, const Bytes& payload
     Bytes packet = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0};
     packet.insert(packet.end(), fromClient ? client : server, (fromClient ? client : server) + 4);
     packet.insert(packet.end(), fromClient ? server : client, (fromClient ? server : client) + 4);
-    const Bytes tcp = {uint8_t(sport >> 8),
-                       uint8_t(sport),
-                       uint8_t(dport >> 8),
-                       uint8_t(dport),
-                       uint8_t(seq >> 24),
-                       uint8_t(seq >> 16),
-                       uint8_t(seq >> 8),
-                       uint8_t(seq),
-                       0,
-                       0,
-                       0,
-                       1,
-                       0x50,
-                       flags,
-                       0xFF,
-                       0xFF,
-                       0,
-                       0,
-                       0,
-                       0};
+    Bytes tcp = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x50, 0, 0xFF, 0xFF, 0, 0, 0, 0};
+    for (int byte = 0; byte < 4; ++byte) {
+        tcp[byte] = uint8_t((byte < 2 ? sport : dport) >> (byte % 2 == 0 ? 8 : 0));
+        tcp[4 + byte] = uint8_t(seq >> (24 - 8 * byte));
+    }
+    tcp[13] = flags;
     packet.insert(packet.end(), tcp.begin(), tcp.end());
     packet.insert(packet.end(), payload.begin(), payload.end());
     packet[2] = uint8_t(packet.size() >> 8);
