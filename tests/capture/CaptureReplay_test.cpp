@@ -14,6 +14,7 @@
 #include "log/DriverLogEntry.h"
 #include "tests/TempFolder.h"
 #include "tests/capture/CaptureFiles.h"
+#include "tests/capture/Packets.h"
 
 namespace {
 
@@ -175,18 +176,13 @@ TEST_F(SampleReplay, LinuxCookedAndRawIpCapturesGiveTheSameRecordsWithoutEtherne
     }
 }
 
-// A raw IPv4 TCP packet from 10.77.0.9:40000 to 10.77.0.1:22.
+// A raw IPv4 SYN from 10.77.0.9:40000 to 10.77.0.1:22, with tcpBytes of TCP
+// and an IP header length field of headerWords.
 std::vector<uint8_t> Ipv4Tcp(size_t tcpBytes = 20, uint8_t headerWords = 5) {
-    std::vector<uint8_t> packet(20 + tcpBytes, 0);
-    const uint8_t header[] = {0x45, 0, 0,  0,  0, 0, 0x40, 0,  64, 6,
-                              0,    0, 10, 77, 0, 9, 10,   77, 0,  1};
-    std::copy(header, header + 20, packet.begin());
+    std::vector<uint8_t> packet = packettest::Tcp("10.77.0.9", "10.77.0.1", 40000, 22, 0x02);
+    packet.resize(20 + tcpBytes);
     packet[0] = uint8_t(0x40 | headerWords);
     packet[3] = uint8_t(20 + tcpBytes);
-    if (tcpBytes >= 14) {
-        const uint8_t tcp[] = {0x9C, 0x40, 0, 22, 0, 0, 0, 0, 0, 0, 0, 0, 0x50, 0x02};
-        std::copy(tcp, tcp + 14, packet.begin() + 20);
-    }
     return packet;
 }
 

@@ -16,6 +16,7 @@
 #include "driver/linux/SslSocketServer.h"
 #include "tests/TempFolder.h"
 #include "tests/capture/CaptureFiles.h"
+#include "tests/capture/Packets.h"
 
 namespace {
 
@@ -146,22 +147,9 @@ TEST(TlsKeyExchange, TheSessionsRsaExchangeBecomesARequestAndAKeyLogLine) {
 // 10.77.0.1:443.
 Bytes Segment(bool fromClient, uint8_t flags, uint32_t seq, const Bytes& payload = {},
               uint16_t clientPort = 40000) {
-    const uint8_t client[4] = {10, 77, 0, 3}, server[4] = {10, 77, 0, 1};
-    const uint16_t sport = fromClient ? clientPort : 443, dport = fromClient ? 443 : clientPort;
-    Bytes packet = {0x45, 0, 0, 0, 0, 0, 0x40, 0, 64, 6, 0, 0};
-    packet.insert(packet.end(), fromClient ? client : server, (fromClient ? client : server) + 4);
-    packet.insert(packet.end(), fromClient ? server : client, (fromClient ? server : client) + 4);
-    Bytes tcp = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0x50, 0, 0xFF, 0xFF, 0, 0, 0, 0};
-    for (int byte = 0; byte < 4; ++byte) {
-        tcp[byte] = uint8_t((byte < 2 ? sport : dport) >> (byte % 2 == 0 ? 8 : 0));
-        tcp[4 + byte] = uint8_t(seq >> (24 - 8 * byte));
-    }
-    tcp[13] = flags;
-    packet.insert(packet.end(), tcp.begin(), tcp.end());
-    packet.insert(packet.end(), payload.begin(), payload.end());
-    packet[2] = uint8_t(packet.size() >> 8);
-    packet[3] = uint8_t(packet.size());
-    return packet;
+    return fromClient
+               ? packettest::Tcp("10.77.0.3", "10.77.0.1", clientPort, 443, flags, seq, payload)
+               : packettest::Tcp("10.77.0.1", "10.77.0.3", 443, clientPort, flags, seq, payload);
 }
 
 // The sample with every TCP segment to or from port 443 cut into pieces of 7

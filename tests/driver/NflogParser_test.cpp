@@ -17,6 +17,7 @@
 #include "driver/linux/NflogParser.h"
 #include "driver/linux/NftRuleset.h"
 #include "driver/linux/RulesetVerdicts.h"
+#include "tests/capture/Packets.h"
 
 namespace {
 
@@ -32,19 +33,8 @@ Value Field(const SourceRecord& record, size_t offset) {
 
 // An IPv4 TCP packet from 192.0.2.7:4321 to 198.51.100.2:80 with flags.
 std::vector<uint8_t> TcpPacket(uint8_t flags, size_t length = 40) {
-    std::vector<uint8_t> packet(length, 0);
-    packet[0] = 0x45;
-    packet[2] = static_cast<uint8_t>(length >> 8);
-    packet[3] = static_cast<uint8_t>(length);
-    packet[9] = IPPROTO_TCP;
-    inet_pton(AF_INET, "192.0.2.7", &packet[12]);
-    inet_pton(AF_INET, "198.51.100.2", &packet[16]);
-    packet[20] = 0x10;
-    packet[21] = 0xe1;
-    packet[23] = 80;
-    packet[32] = 0x50;
-    packet[33] = flags;
-    return packet;
+    return packettest::Tcp("192.0.2.7", "198.51.100.2", 4321, 80, flags, 0,
+                           std::vector<uint8_t>(length - 40));
 }
 
 // One NFLOG packet message, as the kernel would send it.
