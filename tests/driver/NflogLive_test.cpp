@@ -70,9 +70,6 @@ protected:
         ASSERT_TRUE(m_Net.Enter(m_Net.Host()));
         m_Interface = if_nametoindex("vxa");
         m_HostMac = Mac("vxa");
-        m_Net.Enter(m_Net.Peer());
-        m_PeerMac = Mac("vxb");
-        m_Net.Enter(m_Net.Host());
         NORVI::SourceOptions options;
         options.m_NflogGroup = kGroup;
         options.m_InstallRuleset = true;
@@ -120,32 +117,10 @@ protected:
         return counters;
     }
 
-    // Checks what every record of an inbound IPv4 TCP packet from the peer
-    // holds beside what the replay of the same traffic gives too.
-    void ExpectInboundFromPeer(const SourceRecord& record, const timeval& since) {
-        const uint32_t seconds = Field<uint32_t>(record, 0);
-        EXPECT_TRUE(seconds >= since.tv_sec && seconds <= time(nullptr)) << seconds;
-        EXPECT_LT(Field<uint32_t>(record, 4), 1000000u);
-        EXPECT_EQ(0, memcmp(record.m_Record, record.m_Record + 88, 8));  // first and last time
-        EXPECT_EQ(m_Interface, Field<uint32_t>(record, 28));
-        EXPECT_EQ(0x08 | 0x10 | 0x40, Field<uint16_t>(record, 38));
-        const std::string macs(reinterpret_cast<const char*>(record.m_Record), 192);
-        EXPECT_EQ(m_HostMac + m_HostMac + m_PeerMac, macs.substr(44, 6) + macs.substr(102, 12));
-        EXPECT_EQ(Address("10.77.0.1"), Field<uint32_t>(record, 136));
-        EXPECT_EQ(6, record.m_Record[129]);
-        const NORVI::RuleVerdict* verdict = NORVI::FindRuleVerdict(Field<uint32_t>(record, 24));
-        ASSERT_NE(nullptr, verdict);
-        EXPECT_EQ(verdict->m_Action, Field<int16_t>(record, 20));
-        EXPECT_EQ(verdict->m_Reason, Field<int16_t>(record, 22));
-        EXPECT_EQ(record.m_Data.size(), Field<uint16_t>(record, 76));
-        EXPECT_EQ(record.m_Data, record.m_Packet);
-    }
-
     CNetnsPair m_Net;
     int m_ReceiveBuffer = 0;
     uint32_t m_Interface = 0;
     std::string m_HostMac;
-    std::string m_PeerMac;
     std::unique_ptr<NORVI::CRecordSource> m_Source;
 };
 
@@ -222,13 +197,18 @@ TEST_F(NflogLiveTest, LiveRecordsAndTheReplayOfTheSameTrafficAgree) {
     EXPECT_EQ(0u, counters.m_Lost + counters.m_Gaps + counters.m_Dropped);
     EXPECT_EQ(total, counters.m_Records);
     EXPECT_EQ(live.size(), counters.m_Records);
+    // What a capture cannot carry: times and the interface's own address.
     std::set<uint32_t> rules;
     for (const SourceRecord& record : live) {
+        SCOPED_TRACE(Describe(record));
         rules.insert(Field<uint32_t>(record, 24));
-        if (Field<uint16_t>(record, 114) == htons(0x0800) && record.m_Record[129] == 6) {
-            SCOPED_TRACE(Describe(record));
-            ExpectInboundFromPeer(record, since);
-        }
+        const uint32_t seconds = Field<uint32_t>(record, 0);
+        EXPECT_TRUE(seconds >= since.tv_sec && seconds <= time(nullptr)) << seconds;
+        EXPECT_LT(Field<uint32_t>(record, 4), 1000000u);
+        EXPECT_EQ(0, memcmp(record.m_Record, record.m_Record + 88, 8));  // first and last time
+        EXPECT_EQ(6u, Field<uint32_t>(record, 40));
+        EXPECT_EQ(m_HostMac, std::string(reinterpret_cast<const char*>(record.m_Record) + 44, 6));
+        EXPECT_EQ(record.m_Data, record.m_Packet);
     }
     // The flag rules, stray ACKs, allowed and denied TCP, UDP and ICMP.
     for (uint32_t rule : {NORVI::kRuleTcpNull, NORVI::kRuleTcpXmas, NORVI::kRuleTcpSynFin,
