@@ -12,7 +12,6 @@
 
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -106,11 +105,14 @@ protected:
                    path);
         std::ifstream file(path);
         std::map<uint32_t, uint64_t> counters;
-        const std::regex rule(R"re(packets (\d+) bytes \d+ log prefix "vx:\d+:\d+:(\d+)")re");
         for (std::string line; std::getline(file, line);) {
-            std::smatch match;
-            if (std::regex_search(line, match, rule)) {
-                counters[std::stoul(match[2])] += std::stoull(match[1]);
+            const size_t at = line.find("packets ");
+            unsigned long long packets = 0;
+            unsigned rule = 0;
+            if (at != std::string::npos &&
+                sscanf(line.c_str() + at, "packets %llu bytes %*u log prefix \"vx:%*u:%*u:%u\"",
+                       &packets, &rule) == 2) {
+                counters[rule] += packets;
             }
         }
         unlink(path.c_str());
