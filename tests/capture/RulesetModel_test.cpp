@@ -1,71 +1,26 @@
 // The ruleset model on packet sequences that the sample capture lacks: each
 // case is a short exchange between the host (10.0.0.1, fd00::1, services
 // tcp:22 and udp:53) and a peer, with the verdict of each packet.
-#include <arpa/inet.h>
-
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "driver/capture/RulesetModel.h"
+#include "tests/capture/Packets.h"
 
 namespace {
 
 using NORVI::CPacketView;
 using NORVI::CRulesetModel;
+using packettest::Icmp;
+using packettest::Ip;
+using packettest::Tcp;
+using packettest::Udp;
 
 constexpr uint8_t FIN = 0x01, SYN = 0x02, RST = 0x04, PSH = 0x08, ACK = 0x10, URG = 0x20;
 const char* const kHost = "10.0.0.1";
 const char* const kPeer = "10.0.0.2";
-
-std::vector<uint8_t> Ip(const char* source, const char* destination, uint8_t protocol,
-                        const std::vector<uint8_t>& payload) {
-    const bool ipv6 = strchr(source, ':') != nullptr;
-    std::vector<uint8_t> packet(ipv6 ? 40 : 20, 0);
-    if (ipv6) {
-        packet[0] = 0x60;
-        packet[4] = uint8_t(payload.size() >> 8);
-        packet[5] = uint8_t(payload.size());
-        packet[6] = protocol;
-        inet_pton(AF_INET6, source, &packet[8]);
-        inet_pton(AF_INET6, destination, &packet[24]);
-    } else {
-        packet[0] = 0x45;
-        packet[2] = uint8_t((20 + payload.size()) >> 8);
-        packet[3] = uint8_t(20 + payload.size());
-        packet[9] = protocol;
-        inet_pton(AF_INET, source, &packet[12]);
-        inet_pton(AF_INET, destination, &packet[16]);
-    }
-    packet.insert(packet.end(), payload.begin(), payload.end());
-    return packet;
-}
-
-std::vector<uint8_t> Tcp(const char* source, const char* destination, uint16_t sport,
-                         uint16_t dport, uint8_t flags) {
-    std::vector<uint8_t> tcp(20, 0);
-    tcp[0] = uint8_t(sport >> 8), tcp[1] = uint8_t(sport);
-    tcp[2] = uint8_t(dport >> 8), tcp[3] = uint8_t(dport);
-    tcp[12] = 0x50;
-    tcp[13] = flags;
-    return Ip(source, destination, 6, tcp);
-}
-
-std::vector<uint8_t> Udp(const char* source, const char* destination, uint16_t sport,
-                         uint16_t dport) {
-    return Ip(
-        source, destination, 17,
-        {uint8_t(sport >> 8), uint8_t(sport), uint8_t(dport >> 8), uint8_t(dport), 0, 8, 0, 0});
-}
-
-// An ICMP (or ICMPv6) message of type with identifier 7, or quoting a packet.
-std::vector<uint8_t> Icmp(const char* source, const char* destination, uint8_t type,
-                          const std::vector<uint8_t>& quoted = {}) {
-    std::vector<uint8_t> icmp = {type, 0, 0, 0, 0, 7, 0, 1};
-    icmp.insert(icmp.end(), quoted.begin(), quoted.end());
-    return Ip(source, destination, strchr(source, ':') ? 58 : 1, icmp);
-}
 
 struct Step {
     std::vector<uint8_t> m_Packet;

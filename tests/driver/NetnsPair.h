@@ -65,19 +65,21 @@ inline int RunProcess(const std::vector<std::string>& argv, int timeoutMs,
 class CBackground {
 public:
     explicit CBackground(const std::vector<std::string>& argv) : m_Pid(Spawn(argv, "/dev/null")) {}
-    ~CBackground() {
+    ~CBackground() { Stop(SIGKILL); }
+    // Ends it with the signal and waits for it.
+    void Stop(int signal) {
         if (m_Pid > 0) {
-            kill(m_Pid, SIGKILL);
+            kill(m_Pid, signal);
             waitpid(m_Pid, nullptr, 0);
+            m_Pid = -1;
         }
     }
     CBackground(const CBackground&) = delete;
     CBackground& operator=(const CBackground&) = delete;
     bool Started() const { return m_Pid > 0; }
-    pid_t Pid() const { return m_Pid; }
 
 private:
-    const pid_t m_Pid;
+    pid_t m_Pid;
 };
 
 class CNetnsPair {

@@ -17,6 +17,7 @@
 #include "driver/linux/NflogParser.h"
 #include "driver/linux/NftRuleset.h"
 #include "driver/linux/RulesetVerdicts.h"
+#include "tests/capture/Packets.h"
 
 namespace {
 
@@ -32,19 +33,8 @@ Value Field(const SourceRecord& record, size_t offset) {
 
 // An IPv4 TCP packet from 192.0.2.7:4321 to 198.51.100.2:80 with flags.
 std::vector<uint8_t> TcpPacket(uint8_t flags, size_t length = 40) {
-    std::vector<uint8_t> packet(length, 0);
-    packet[0] = 0x45;
-    packet[2] = static_cast<uint8_t>(length >> 8);
-    packet[3] = static_cast<uint8_t>(length);
-    packet[9] = IPPROTO_TCP;
-    inet_pton(AF_INET, "192.0.2.7", &packet[12]);
-    inet_pton(AF_INET, "198.51.100.2", &packet[16]);
-    packet[20] = 0x10;
-    packet[21] = 0xe1;
-    packet[23] = 80;
-    packet[32] = 0x50;
-    packet[33] = flags;
-    return packet;
+    return packettest::Tcp("192.0.2.7", "198.51.100.2", 4321, 80, flags, 0,
+                           std::vector<uint8_t>(length - 40));
 }
 
 // One NFLOG packet message, as the kernel would send it.
@@ -151,31 +141,23 @@ TEST_F(NflogParserTest, AnOutboundMessageHasTheDirectionBitAndTheTimeOfReceipt) 
 }
 
 TEST_F(NflogParserTest, MalformedMessagesAreCountedDropsWithAReason) {
-    struct Case {
-        const char* m_Name;
-        Message m_Message;
+    const std::vector<std::pair<const char*, void (*)(Message&)>> cases = {
+        {"no prefix", [](Message& m) { m.m_Prefix = nullptr; }},
+        {"foreign prefix", [](Message& m) { m.m_Prefix = "IN=eth0 "; }},
+        {"number too wide", [](Message& m) { m.m_Prefix = "vx:2:101:99999999999"; }},
+        {"oversize payload", [](Message& m) { m.m_Packet = TcpPacket(0x02, 101); }},
+        {"IPv4 header longer than the payload",
+         [](Message& m) { m.m_Packet[0] = 0x4f, m.m_Packet.resize(30); }},
+        {"not IP", [](Message& m) { m.m_Packet[0] = 0x55; }},
+        {"empty payload", [](Message& m) { m.m_Packet.clear(); }},
     };
-    std::vector<Case> cases(7);
-    cases[0] = {"no prefix", Message()};
-    cases[0].m_Message.m_Prefix = nullptr;
-    cases[1] = {"foreign prefix", Message()};
-    cases[1].m_Message.m_Prefix = "IN=eth0 ";
-    cases[2] = {"number too wide", Message()};
-    cases[2].m_Message.m_Prefix = "vx:2:101:99999999999";
-    cases[3] = {"oversize payload", Message()};
-    cases[3].m_Message.m_Packet = TcpPacket(0x02, 101);
-    cases[4] = {"IPv4 header longer than the payload", Message()};
-    cases[4].m_Message.m_Packet[0] = 0x4f;
-    cases[4].m_Message.m_Packet.resize(30);
-    cases[5] = {"not IP", Message()};
-    cases[5].m_Message.m_Packet[0] = 0x55;
-    cases[6] = {"empty payload", Message()};
-    cases[6].m_Message.m_Packet.clear();
-    for (const Case& item : cases) {
+    for (const auto& item : cases) {
+        Message message;
+        item.second(message);
         const uint64_t before = m_Parser.Counters().m_Dropped;
-        EXPECT_TRUE(Feed(item.m_Message.Bytes()).empty()) << item.m_Name;
-        EXPECT_EQ(before + 1, m_Parser.Counters().m_Dropped) << item.m_Name;
-        EXPECT_FALSE(m_Parser.LastDrop().empty()) << item.m_Name;
+        EXPECT_TRUE(Feed(message.Bytes()).empty()) << item.first;
+        EXPECT_EQ(before + 1, m_Parser.Counters().m_Dropped) << item.first;
+        EXPECT_FALSE(m_Parser.LastDrop().empty()) << item.first;
     }
     EXPECT_EQ(0u, m_Parser.Counters().m_Records);
 }

@@ -11,13 +11,6 @@ local SOURCE = os.getenv("VEXIL_SOURCE_DIR")
 -- the stand-in that the other specs are given.
 local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
 
-local function first_line(command)
-  local pipe = io.popen(command)
-  local line = pipe:read("*l")
-  pipe:close()
-  return line
-end
-
 local function output_of(command)
   local pipe = io.popen(command)
   local text = pipe:read("*a")
@@ -168,38 +161,29 @@ describe("vexil-agent replay", function()
     teardown(function() receiver:stop() end)
 
     it("delivers every accepted record intact over each transport", function()
-      local messages = {}
+      local sent, total = {}, 0
       for _, case in ipairs {
         { "unix", "unix:" .. receiver.socket }, { "udp", "udp:127.0.0.1:" .. receiver.udp },
-        { "tcp", "tcp:127.0.0.1:" .. receiver.tcp }, { "tcp-cef", "tcp:127.0.0.1:" .. receiver.tcp .. " --cef" },
+        { "tcp", "tcp:127.0.0.1:" .. receiver.tcp .. " --cef" },
       } do
         local run, runErr = replay(folder .. "/" .. case[1], "--syslog " .. case[2])
         assert.is_table(run, runErr)
         assert.are.same({ run.accepted, 0 }, { run.syslog.sent, run.syslog.dropped })
-        messages[case[1]] = run.accepted
+        sent[case[1]], total = run.accepted, total + run.accepted
       end
-      local total = messages.unix + messages.udp + messages.tcp + messages["tcp-cef"]
       local byInput = { imuxsock = {}, imudp = {}, imtcp = {} }
-      local records = receiver:wait_for(total)
-      for _, record in ipairs(records) do
-        local list = byInput[record.input]
-        list[#list + 1] = record.msg
+      for _, record in ipairs(receiver:wait_for(total)) do
+        table.insert(byInput[record.input], record.msg)
         assert.are.equal("vexil", record.app)
       end
-      assert.are.same({ messages.unix, messages.udp, messages.tcp + messages["tcp-cef"] },
-                      { #byInput.imuxsock, #byInput.imudp, #byInput.imtcp })
-      -- Every transport carried the same texts, byte for byte.
+      assert.are.same({ sent.unix, sent.udp, sent.tcp }, { #byInput.imuxsock, #byInput.imudp, #byInput.imtcp })
+      -- The datagram transports carried the same texts, byte for byte; TCP
+      -- the same records in Common Event Format.
       table.sort(byInput.imuxsock)
       table.sort(byInput.imudp)
       assert.are.same(byInput.imuxsock, byInput.imudp)
-      local native, cef = {}, {}
-      for _, msg in ipairs(byInput.imtcp) do
-        if msg:match("^CEF:0|") then cef[#cef + 1] = msg else native[#native + 1] = msg end
-      end
-      table.sort(native)
-      assert.are.same(byInput.imudp, native)
-      assert.are.equal(messages["tcp-cef"], #cef)
       for _, msg in ipairs(byInput.imudp) do assert.is_truthy(msg:match("^REASON="), msg) end
+      for _, msg in ipairs(byInput.imtcp) do assert.is_truthy(msg:match("^CEF:0|"), msg) end
     end)
   end)
 end)
