@@ -255,7 +255,7 @@ TEST_F(ConfigUtilsTest, TrafficAnalysisReadsListsAndProbeMap) {
         "},"
         "  probeConfigurationMap = { [0] = { blockAttackerSeconds = 30, notifyImmediately = true },"
         "    [3] = { blockAttackerSeconds = 600 }, [4] = 'no table', [-1] = { },"
-        "    [7] = { blockAttackerSeconds = 1, notifyImmediately = true } } }");
+        "    [5] = { blockAttackerSeconds = 1, notifyImmediately = true } } }");
     IpList oldDest, oldWhite;
     IpList* dest = &oldDest;
     IpList* white = &oldWhite;
@@ -266,7 +266,7 @@ TEST_F(ConfigUtilsTest, TrafficAnalysisReadsListsAndProbeMap) {
     EXPECT_EQ(1u, dest->size());
     delete dest;
     EXPECT_EQ(nullptr, white);
-    EXPECT_EQ(0x09u, enabled);  // types 0 and 3; 4 has no table, -1 and 7 are out of range
+    EXPECT_EQ(0x09u, enabled);  // types 0 and 3; 4 has no table, -1 and 5 are out of range
     EXPECT_EQ(0x01u, notify);
     EXPECT_EQ((std::vector<u32>{30, 0, 13, 600, 15}), std::vector<u32>(seconds, seconds + 5));
     ExpectTrace("Skipped 1 entries of probeConfigurationMap with a negative key, the last -1");

@@ -59,41 +59,6 @@ TEST(RecordText, ProtocolWordsByTheAddressFamily) {
     EXPECT_STREQ("ICM", small);
 }
 
-TEST(RecordText, AddressesAsDottedQuadsOrHexGroups) {
-    char text[64] = "";
-    Record v4 = Record()
-                    .Flags(0x10)
-                    .SetBytes(132, std::string("\xC0\x00\x02\x07", 4))
-                    .SetBytes(136, std::string("\x0A\0\0\xFF", 4));
-    VEXIL::AddressText(text, sizeof text, &v4.entry, true);
-    VEXIL::AddressText(text, sizeof text, &v4.entry, false);
-    EXPECT_STREQ("192.0.2.710.0.0.255", text);
-    text[0] = '\0';
-    Record v6 = Record()
-                    .Flags(0x20)
-                    .SetBytes(128, std::string("\x20\x01\x0d\xb8", 4))
-                    .Set<u16>(158, htons(0xABCD));
-    VEXIL::AddressText(text, sizeof text, &v6.entry, true);
-    VEXIL::AddressText(text, sizeof text, &v6.entry, false);
-    EXPECT_STREQ("2001:db8:0:0:0:0:0:00:0:0:0:0:0:0:abcd", text);
-    text[0] = '\0';
-    const Record none;
-    VEXIL::AddressText(text, sizeof text, &none.entry, true);
-    EXPECT_STREQ("", text);
-}
-
-TEST(RecordText, FragmentBitsAndOffsetInBytes) {
-    const VEXIL::FragmentBits bits =
-        VEXIL::FragmentBitsOf(&Record().Flags(0x10).Set<u16>(126, htons(0x6003)).entry);
-    EXPECT_TRUE(bits.dontFragment);
-    EXPECT_TRUE(bits.moreFragments);
-    EXPECT_EQ(24, bits.offsetBytes);
-    const VEXIL::FragmentBits none =
-        VEXIL::FragmentBitsOf(&Record().Set<u16>(126, htons(0x9FFF)).entry);
-    EXPECT_FALSE(none.dontFragment || none.moreFragments);
-    EXPECT_EQ(u16(0x1FFF * 8), none.offsetBytes);
-}
-
 TEST(RecordText, TcpFlagWordsFrameTypesAndPrintedFlags) {
     char text[64] = "";
     VEXIL::TcpFlagsText(text, sizeof text, &Record().Set<u8>(173, 0xA5).entry);

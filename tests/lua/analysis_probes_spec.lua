@@ -25,17 +25,16 @@ describe("the analysis gate", function()
   before_each(function() fixture = analysis.fixture() end)
   after_each(function() fixture:finish() end)
 
+  -- The order of the rules is ProbeClassifier_test's; here each probe type
+  -- reaches its event, with DF read from the record.
   it("takes the first stealth rule that holds; a probe is not counted as a flow", function()
     check(fixture, analysis.configuration(ALL), {
-      { "URG PSH SYN FIN", { tcph_flags = 0x2B }, false, "7000 FingerprintScan" },
       { "DF and no flags", { tcph_flags = 0x00, iph_frag_off = 0x4000 }, false,
         "7000 FingerprintScan" },
       { "URG PSH FIN", { tcph_flags = 0x29 }, false, "7004 XmasScan" },
-      { "all flags", { tcph_flags = 0xFF, iph_frag_off = 0x4000 }, false, "7004 XmasScan" },
       { "SYN FIN", { tcph_flags = 0x03 }, false, "7003 SynFinScan" },
       { "no flags", { tcph_flags = 0x00 }, false, "7002 NullScan" },
       { "SYN with DF", { tcph_flags = 0x02, iph_frag_off = 0x4000 }, true },
-      { "URG FIN", { tcph_flags = 0x28 }, true },
     })
   end)
 

@@ -41,14 +41,10 @@ end
 -- A fresh host store and log object, the clock standing at START_TICKS;
 -- settings are host settings made before the object.
 function analysis.fixture(settings)
-  local fixture = { folder = support.tempdir() }
   norv.SetTicks(analysis.START_TICKS)
-  fixture.dom = SLB.norv.Dom(":memory:")
-  fixture.dom:SetSetting("norv.baseFolder", fixture.folder)
-  for key, value in pairs(settings or {}) do fixture.dom:SetSetting(key, value) end
-  fixture.log = SLB.vexil.LogData(fixture.dom)
+  local fixture = {}
+  fixture.folder, fixture.dom, fixture.log = support.log_object(settings)
   norvi.BlacklistRequests()
-  norv.OperatorLog()
 
   function fixture:write(config, fields)
     return self.log:WriteLogData(analysis.record(fields), "", config, "")
@@ -70,8 +66,7 @@ function analysis.fixture(settings)
 
   function fixture:finish()
     self.log = nil
-    collectgarbage()
-    support.remove(self.folder)
+    support.drop_log(self.folder)
   end
 
   return fixture

@@ -19,18 +19,10 @@ describe("vexil.LogData", function()
   assert.is_true(require "vexil")
   local dom, log, folder
 
-  before_each(function()
-    folder = support.tempdir()
-    dom = SLB.norv.Dom(":memory:")
-    dom:SetSetting("norv.baseFolder", folder)
-    log = SLB.vexil.LogData(dom)
-    norv.OperatorLog()
-  end)
-
+  before_each(function() folder, dom, log = support.log_object() end)
   after_each(function()
     log = nil
-    collectgarbage()
-    support.remove(folder)
+    support.drop_log(folder)
   end)
 
   it("starts with the defaults below the base folder, and keeps what the setters store", function()

@@ -9,23 +9,19 @@ local logpath = {}
 
 -- A fresh host store and log object writing to <folder>/norv_mpnp.
 function logpath.new()
-  local env = { folder = support.tempdir() }
-  env.dom = SLB.norv.Dom(":memory:")
-  env.dom:SetSetting("norv.baseFolder", env.folder)
-  env.log = SLB.vexil.LogData(env.dom)
+  local env = {}
+  env.folder, env.dom, env.log = support.log_object()
   env.log:SetLogFilePath(env.folder)
   env.path = env.folder .. "/norv_mpnp"
   norv.SetTicks(1000000)
-  norv.OperatorLog()
   return env
 end
 
 function logpath.finish(env)
   env.log = nil
-  collectgarbage()
   norv.RealTicks()
   norv.SetTrace("")
-  support.remove(env.folder)
+  support.drop_log(env.folder)
 end
 
 -- A configuration table; filterLog replaces the group packetFilterLog (by

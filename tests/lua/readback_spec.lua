@@ -40,17 +40,12 @@ describe("log:GetLogData", function()
   end
 
   before_each(function()
-    folder = support.tempdir()
-    dom = SLB.norv.Dom(":memory:")
-    log = SLB.vexil.LogData(dom)
+    folder, dom, log = support.log_object()
     log:SetLogFilePath(folder)
-    norv.OperatorLog()
   end)
-
   after_each(function()
     log = nil
-    collectgarbage()
-    support.remove(folder)
+    support.drop_log(folder)
   end)
 
   it("reads every line of the role across the copies, oldest first", function()

@@ -57,6 +57,24 @@ function support.run(chunk, ...)
   return capture(string.format("timeout 10 lua5.2 -e %q 2>/dev/null", chunk), "*a")
 end
 
+-- A fresh host store, with settings made before the log object, and a log
+-- object whose base folder is a folder of its own: folder, dom, log.
+function support.log_object(settings)
+  local folder = support.tempdir()
+  local dom = SLB.norv.Dom(":memory:")
+  dom:SetSetting("norv.baseFolder", folder)
+  for key, value in pairs(settings or {}) do dom:SetSetting(key, value) end
+  local log = SLB.vexil.LogData(dom)
+  require("norv").OperatorLog()
+  return folder, dom, log
+end
+
+-- Collects the log object that the caller has let go of and removes its folder.
+function support.drop_log(folder)
+  collectgarbage()
+  support.remove(folder)
+end
+
 function support.event_numbers(dom)
   local numbers = {}
   for i, event in ipairs(dom:AgentEvents()) do numbers[i] = event.number end

@@ -11,6 +11,7 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -54,23 +55,30 @@ size_t ThreadCount() {
     return count;
 }
 
-// Configuration 9 has the key, from its file or as a blob; 11 names a
-// credential that does not exist.
+// Configurations 9 (PEM) and 10 (PKCS#12) have the same key, from files or
+// as blobs, so that answers don't depend on the form a worker sees; 11 names
+// a credential that does not exist.
 wxString Configuration(bool blob) {
     const KeyMaterial& keys = KeyMaterial::Get();
+    const auto source = [&](const char* file, const char* blobFile) {
+        return blob ? wxString::Format("credential=\"%s\"", keys.Base64(blobFile))
+                    : wxString::Format("identifier=\"%s\"", keys.Path(file));
+    };
     return wxString::Format(
         "<SecurityConfiguration><SSLCredentials>"
         "<SSLCredential id=\"1\" credentialType=\"PEM\" %s/>"
+        "<SSLCredential id=\"2\" credentialType=\"P12\" passphrase=\"s3cret\" %s/>"
         "</SSLCredentials><SSLHostConfigurations>"
         "<SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
+        "<SSLHostConfiguration id=\"10\" sslCredentialId=\"2\"/>"
         "<SSLHostConfiguration id=\"11\" sslCredentialId=\"3\"/>"
         "</SSLHostConfigurations></SecurityConfiguration>",
-        blob ? wxString::Format("credential=\"%s\"", keys.Base64("key.pem"))
-             : wxString::Format("identifier=\"%s\"", keys.Path("key.pem")));
+        source("key.pem", "key.pem"), source("modern.p12", "legacy.p12"));
 }
 
-// Tag % 16 picks the kind: SSL 3.0 and TLS 1.2 decrypt; an unknown
-// credential (14) and a bad version (15) fail, with an error line each.
+// Tag % 16 picks the kind: SSL 3.0, TLS 1.2 and (13) TLS 1.0 from PKCS#12
+// decrypt; an unknown credential (14) and a bad version (15) fail, with an
+// error line each.
 bool Decrypts(u32 tag) {
     return tag % 16 < 14;
 }
@@ -79,7 +87,9 @@ void Submit(u32 tag) {
     const KeyMaterial& keys = KeyMaterial::Get();
     static const std::string cipher = keys.Cipher("key");
     static const std::string tls = ssltest::Tls(cipher);
-    if (tag % 16 == 14) {
+    if (tag % 16 == 13) {
+        ssltest::Submit(Header(130, 10, 3, 1, tag), tls);
+    } else if (tag % 16 == 14) {
         ssltest::Submit(Header(130, 11, 3, 1, tag), tls);
     } else if (tag % 16 == 15) {
         ssltest::Submit(Header(128, 9, 2, 0, tag), cipher);
@@ -134,6 +144,7 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
 
     std::vector<u8> answers(total, 0);
     u64 answered = 0, twice = 0, wrong = 0, taken = 0, left = 0, reloads = 0;
+    size_t peakHandles = 0;
     const auto collect = [&] {
         for (const Response& response : ssltest::TakeResponses()) {
             const u32 tag = response.Tag();
@@ -174,6 +185,7 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
         while (settled < goal && Clock::now() - progress < kStallLimit) {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
             collect();
+            peakHandles = std::max(peakHandles, SSL_CONTROL(norvi_test_open_handles)());
             if (settled != seen) {
                 seen = settled;
                 progress = Clock::now();
@@ -200,6 +212,8 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
     EXPECT_EQ(total, taken);
     EXPECT_EQ(taken, answered + left);
     EXPECT_EQ(threadsBefore, ThreadCount());
+    // Several workers shared the load, each on its own handle.
+    EXPECT_GT(peakHandles, handlesBefore + 2);
     printf(
         "soak: %u requests, %llu answered, %llu left queued at %d stops, %llu reloads, "
         "%.1f s, %.0f answers/s\n",
