@@ -166,9 +166,9 @@ bool LogData::OpenLogFile() {
         m_OpenPath = narrow.data() != nullptr ? narrow.data() : "";
         m_OpenPathFrom = m_LogFileFullPath;
     }
-    const auto openForAppend = [this] {
-        return ::open(m_OpenPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC,
-                      S_IRUSR | S_IWUSR);
+    const char* const path = m_OpenPath.c_str();
+    const auto openForAppend = [path] {
+        return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
     };
     int fd = openForAppend();
     // The toolkit's own error lines are not wanted: failures become events.
