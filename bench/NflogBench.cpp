@@ -3,6 +3,13 @@
 // measured in the same run on the same flood. The receiver alone (records
 // made, none written) is measured too, to tell the two costs apart.
 //
+// The log object runs with the agent's bundled packet log settings
+// (share/config.lua: file size, copies, cache size and lifetimes), with its
+// cache on (argument cache 1) or off (cache 0, every record its own line).
+// The flood comes from one source port (ports 1) or rotates over a few
+// thousand (ports 4096), so that coalescing in the cache cannot hide the cost
+// of each line; the records per written line are reported (records_per_line).
+//
 // Inside two namespaces made here (no route out), the project's ruleset
 // denies and logs every UDP datagram of a bounded flood. Each receiver meets
 // the same situation: the flood is sent while it does not read (our source
@@ -25,9 +32,12 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <wx/dir.h>
 #include <wx/filename.h>
 #include <lua.hpp>
 
@@ -52,19 +62,42 @@ constexpr int kBuffer = 256 << 20;
 
 // Sends count UDP datagrams of 64 bytes from the peer namespace to a port
 // that the ruleset denies, on a thread of its own that enters the namespace.
-void Flood(const std::string& peer, size_t count) {
+// With ports above 1 the datagrams leave from that many sockets in turn, so
+// that consecutive datagrams differ in their source port.
+void Flood(const std::string& peer, size_t count, size_t ports) {
     std::thread sender([&] {
         const int space = open(("/run/netns/" + peer).c_str(), O_RDONLY | O_CLOEXEC);
         if (space < 0 || setns(space, CLONE_NEWNET) != 0) {
             return;
         }
         close(space);
-        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in target = {};
         target.sin_family = AF_INET;
         target.sin_port = htons(9999);
         inet_pton(AF_INET, "10.77.0.1", &target.sin_addr);
         char payload[64] = {};
+        if (ports > 1) {
+            std::vector<int> sockets;
+            for (size_t i = 0; i < ports; ++i) {
+                const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+                if (fd < 0) {
+                    break;
+                }
+                sockets.push_back(fd);
+            }
+            for (size_t sent = 0; sent < count && !sockets.empty(); ++sent) {
+                const int fd = sockets[sent % sockets.size()];
+                if (sendto(fd, payload, sizeof payload, 0, reinterpret_cast<sockaddr*>(&target),
+                           sizeof target) != sizeof payload) {
+                    break;
+                }
+            }
+            for (const int fd : sockets) {
+                close(fd);
+            }
+            return;
+        }
+        const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         iovec part = {payload, sizeof payload};
         std::vector<mmsghdr> batch(64);
         for (mmsghdr& message : batch) {
@@ -111,21 +144,57 @@ size_t Lines(const std::string& path) {
         std::count(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>(), '\n'));
 }
 
-// A log object in its own folder, every record its own line (no cache).
+// Lines in the files of a folder, and the records they stand for (the sum of
+// each line's count, the third field from its end).
+std::pair<uint64_t, uint64_t> LinesAndRecords(const std::string& folder) {
+    wxArrayString files;
+    wxDir::GetAllFiles(folder, &files, wxEmptyString, wxDIR_FILES);
+    uint64_t lines = 0;
+    uint64_t records = 0;
+    for (const wxString& name : files) {
+        std::ifstream file(name.ToStdString());
+        for (std::string line; std::getline(file, line);) {
+            ++lines;
+            size_t end = line.rfind(", ");
+            end = end == std::string::npos || end == 0 ? std::string::npos
+                                                       : line.rfind(", ", end - 1);
+            const size_t start = end == std::string::npos || end == 0 ? std::string::npos
+                                                                      : line.rfind(", ", end - 1);
+            if (start != std::string::npos) {
+                records += std::strtoull(line.c_str() + start + 2, nullptr, 10);
+            }
+        }
+    }
+    return {lines, records};
+}
+
+// A log object in its own folder with the agent's bundled configuration,
+// its cache on or off.
 class CLogSink {
 public:
-    explicit CLogSink(const std::string& folder) : m_Dom(":memory:"), m_Lua(luaL_newstate()) {
-        luaL_dostring(m_Lua,
-                      "return { packetFilterLog = { size = 65536, keep = 4, cacheSize = 0,"
-                      " cacheLifetime = 1800000, cacheStaletime = 900000 },"
-                      " trafficAnalysisConfiguration = {}, probeConfigurationMap = {} }");
+    CLogSink(const std::string& folder, bool cache) : m_Dom(":memory:"), m_Lua(luaL_newstate()) {
+        luaL_openlibs(m_Lua);
+        if (luaL_dofile(m_Lua, VEXIL_SOURCE_DIR "/share/config.lua") != LUA_OK) {
+            fprintf(stderr, "config.lua: %s\n", lua_tostring(m_Lua, -1));
+            lua_settop(m_Lua, 0);
+            lua_newtable(m_Lua);
+        }
+        if (!cache) {
+            lua_getfield(m_Lua, -1, "packetFilterLog");
+            if (lua_istable(m_Lua, -1)) {
+                lua_pushinteger(m_Lua, 0);
+                lua_setfield(m_Lua, -2, "cacheSize");
+            }
+            lua_pop(m_Lua, 1);
+        }
         m_Config = new VEXIL::ConfigUtils(m_Lua, lua_gettop(m_Lua));
         m_Log = new VEXIL::LogData(m_Dom);
         m_Log->SetLogFilePath(folder);
         m_Log->SetConfigUtils(m_Config);
     }
+    // What the cache still holds goes to the file.
+    void Flush() { m_Log->FlushBufferedData(true); }
     ~CLogSink() {
-        m_Log->FlushBufferedData(true);
         delete m_Log;
         delete m_Config;
         lua_close(m_Lua);
@@ -172,10 +241,13 @@ struct Measured {
     uint64_t m_Records = 0;
     uint64_t m_Counted = 0;  // by the kernel's rule counter
     uint64_t m_Lost = 0;
+    uint64_t m_Lines = 0;        // lines in the surviving log files
+    uint64_t m_LineRecords = 0;  // records those lines stand for
 };
 
 // Our source, with every record written through WriteLogData when intoLog.
-Measured MeasureVexil(CNetnsPair& net, const std::string& folder, bool intoLog) {
+Measured MeasureVexil(CNetnsPair& net, const std::string& folder, bool intoLog, bool cache,
+                      size_t ports) {
     Measured measured;
     NORVI::SourceOptions options;
     options.m_NflogGroup = kGroup;
@@ -187,8 +259,10 @@ Measured MeasureVexil(CNetnsPair& net, const std::string& folder, bool intoLog) 
         fprintf(stderr, "NFLOG source: %s\n", error.c_str());
         return measured;
     }
-    CLogSink sink(folder);
-    Flood(net.Peer(), kFlood);
+    const std::string logFolder = folder + "/log";
+    wxFileName::Rmdir(logFolder, wxPATH_RMDIR_RECURSIVE);
+    CLogSink sink(logFolder, cache);
+    Flood(net.Peer(), kFlood, ports);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     measured.m_Counted = DeniedUdp(net, folder);
     NORVI::SourceRecord record;
@@ -203,14 +277,21 @@ Measured MeasureVexil(CNetnsPair& net, const std::string& folder, bool intoLog) 
         ++measured.m_Records;
         last = Clock::now();
     }
+    if (intoLog) {
+        sink.Flush();
+        last = Clock::now();
+    }
     measured.m_Seconds = std::chrono::duration<double>(last - start).count();
     measured.m_CpuSeconds = ThreadCpu() - cpu;
     const NORVI::SourceCounters counters = source->Counters();
     measured.m_Lost = counters.m_Lost + counters.m_Gaps + counters.m_Dropped;
+    if (intoLog) {
+        std::tie(measured.m_Lines, measured.m_LineRecords) = LinesAndRecords(logFolder);
+    }
     return measured;
 }
 
-Measured MeasureUlogd(CNetnsPair& net, const std::string& folder) {
+Measured MeasureUlogd(CNetnsPair& net, const std::string& folder, size_t ports) {
     Measured measured;
     NORVI::CNftRuleset ruleset;
     std::string error;
@@ -240,7 +321,7 @@ Measured MeasureUlogd(CNetnsPair& net, const std::string& folder) {
         fprintf(stderr, "ulogd did not start\n");
         return measured;
     }
-    Flood(net.Peer(), kFlood);
+    Flood(net.Peer(), kFlood, ports);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     measured.m_Counted = DeniedUdp(net, folder);
     const double cpu = ProcessCpu(ulogd.Pid());
@@ -272,10 +353,12 @@ void BM_NflogIntoWriteLogDataBesideUlogd(benchmark::State& state) {
     char pattern[] = "/tmp/vexil-nflog-bench-XXXXXX";
     const std::string folder = mkdtemp(pattern);
     Measured vexil, receiver, ulogd;
+    const bool cache = state.range(0) != 0;
+    const size_t ports = static_cast<size_t>(state.range(1));
     for (auto _ : state) {
-        vexil = MeasureVexil(net, folder, true);
-        receiver = MeasureVexil(net, folder, false);
-        ulogd = MeasureUlogd(net, folder);
+        vexil = MeasureVexil(net, folder, true, cache, ports);
+        receiver = MeasureVexil(net, folder, false, cache, ports);
+        ulogd = MeasureUlogd(net, folder, ports);
     }
     net.Leave();
     wxFileName::Rmdir(folder, wxPATH_RMDIR_RECURSIVE);
@@ -297,6 +380,12 @@ void BM_NflogIntoWriteLogDataBesideUlogd(benchmark::State& state) {
     state.counters["vexil_kernel"] = static_cast<double>(vexil.m_Counted);
     state.counters["ulogd_records"] = static_cast<double>(ulogd.m_Records);
     state.counters["ulogd_kernel"] = static_cast<double>(ulogd.m_Counted);
+    // Records per line written: 1 when nothing coalesced. With the cache on
+    // the oldest copies may have been rotated away, so this is over the
+    // lines that survive.
+    state.counters["vexil_lines"] = static_cast<double>(vexil.m_Lines);
+    state.counters["records_per_line"] =
+        vexil.m_Lines > 0 ? static_cast<double>(vexil.m_LineRecords) / vexil.m_Lines : 0;
     for (const Measured* run : {&vexil, &receiver}) {
         if (run->m_Lost != 0 || run->m_Records != run->m_Counted || run->m_Counted == 0) {
             state.SkipWithError("records were lost on the NFLOG path");
@@ -307,6 +396,13 @@ void BM_NflogIntoWriteLogDataBesideUlogd(benchmark::State& state) {
         state.SkipWithError("ulogd2 did not log every packet");
     }
 }
-BENCHMARK(BM_NflogIntoWriteLogDataBesideUlogd)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NflogIntoWriteLogDataBesideUlogd)
+    ->ArgNames({"cache", "ports"})
+    ->Args({1, 1})
+    ->Args({1, 4096})
+    ->Args({0, 1})
+    ->Args({0, 4096})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <wx/dir.h>
@@ -156,12 +158,25 @@ bool LogData::OpenLogFile() {
     if (m_LogFile.IsOpened()) {
         return true;
     }
+    // Every flush that writes opens the file, so this path costs what the
+    // system calls cost: the narrow path is made again only when the path
+    // has changed, and the folder is looked at only when the opening fails.
+    if (m_OpenPathFrom != m_LogFileFullPath) {
+        const wxCharBuffer narrow = m_LogFileFullPath.fn_str();
+        m_OpenPath = narrow.data() != nullptr ? narrow.data() : "";
+        m_OpenPathFrom = m_LogFileFullPath;
+    }
+    const char* const path = m_OpenPath.c_str();
+    const auto openForAppend = [path] {
+        return ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    };
+    int fd = openForAppend();
     // The toolkit's own error lines are not wanted: failures become events.
     // Only the toolkit's calls are silenced, so that the events and the
     // warnings of SecureFileOrDirectory still reach the operator log.
     // An empty folder (no base folder was found) is no folder to make: the
-    // opening below fails and says so.
-    if (!m_LogFilePath.empty() && !wxFileName::DirExists(m_LogFilePath)) {
+    // opening fails and says so.
+    if (fd < 0 && !m_LogFilePath.empty() && !wxFileName::DirExists(m_LogFilePath)) {
         bool made;
         {
             wxLogNull quiet;
@@ -173,22 +188,19 @@ bool LogData::OpenLogFile() {
             return false;
         }
         NorvCore::SecureFileOrDirectory(m_LogFilePath, false);
+        fd = openForAppend();
     }
-    bool opened;
-    wxFileOffset length = wxInvalidOffset;
-    {
-        wxLogNull quiet;
-        opened = m_LogFile.Open(m_LogFileFullPath, wxFile::write_append, wxS_IRUSR | wxS_IWUSR);
-        if (opened) {
-            length = m_LogFile.Length();
-        }
-    }
-    if (!opened) {
+    if (fd < 0) {
         m_Dom->DoAgentEventWrite(6001, L"%.128s",
                                  static_cast<const char*>(m_LogFileFullPath.utf8_str()));
         return false;
     }
-    if (length == 0) {
+    m_LogFile.Attach(fd);
+    // The length at opening; the writes add to it, and the closing tests it
+    // against the size instead of asking the file again.
+    struct stat status;
+    m_LogFileLength = fstat(fd, &status) == 0 ? wxFileOffset(status.st_size) : wxInvalidOffset;
+    if (m_LogFileLength == 0) {
         NorvCore::SecureFileOrDirectory(m_LogFileFullPath, false);
     }
     return true;

@@ -227,6 +227,14 @@ private:
     u32 m_CacheStaleMsec GUARDED_BY(m_CacheLock) = 900000;
     NorvCore::CCriticalSection m_FileLock;  // held while a line is written
     wxFile m_LogFile GUARDED_BY(m_FileLock);
+    // While m_LogFile is open: its length, counted from the opening on
+    // (wxInvalidOffset when it could not be read then).
+    wxFileOffset m_LogFileLength GUARDED_BY(m_FileLock) = wxInvalidOffset;
+    // m_LogFileFullPath in the file system's encoding, and the path it was
+    // made from, so that it is made again only when that changes.
+    std::string m_OpenPath GUARDED_BY(m_FileLock);
+    wxString m_OpenPathFrom GUARDED_BY(m_FileLock);
+    std::string m_LineText GUARDED_BY(m_FileLock);  // WriteRecord's line, reused
     bool m_OutOfSpaceReported GUARDED_BY(m_FileLock) = false;
     WriteFunction m_WriteFunction;  // ::write but in fault-injection tests
     bool m_WriteVerbatim = false;

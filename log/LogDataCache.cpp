@@ -148,10 +148,10 @@ bool LogData::WriteRecord(const std::string& line, const LogRecordValue& value) 
     char tail[64];
     snprintf_safe(tail, sizeof tail, ", %u, %" PRIu64 ", %" PRIu64, value.count,
                   u64(value.lastTime), u64(value.firstTime));
-    std::string text;
-    text.reserve(strlen(head) + line.size() + strlen(tail) + 2);
-    text.append(head).append(line).append(tail).append("\r\n");
-    return WriteRawData(text.size(), text.data());
+    // One buffer for every line, so that a line costs no allocation once it
+    // has grown to the longest line seen.
+    m_LineText.assign(head).append(line).append(tail).append("\r\n");
+    return WriteRawData(m_LineText.size(), m_LineText.data());
 }
 
 }  // namespace VEXIL

@@ -82,7 +82,10 @@ bool LogData::ProcessLogEntry(const std::string& /*line*/, const u64* /*firstTim
         NORV_TRACE(L"vexil", "LogData::ProcessLogEntry()");
     }
     u64 updateCount = 0;
-    m_Dom->ConditionQuery("app.configUpdated", updateCount, nullptr, nullptr);
+    // Made once: the name is too long for a string's inline buffer, and this
+    // runs for every record.
+    static const std::string kConfigUpdated = "app.configUpdated";
+    m_Dom->ConditionQuery(kConfigUpdated, updateCount, nullptr, nullptr);
     if (updateCount != m_LastConfigUpdate) {
         // Stored first: a configuration that cannot be read is not tried
         // again until the next update.

@@ -35,6 +35,9 @@ bool LogData::WriteRawData(size_t length, const void* bytes) {
     int error = 0;
     for (;;) {
         const ssize_t written = m_WriteFunction(m_LogFile.fd(), next, remaining);
+        if (written > 0 && m_LogFileLength != wxInvalidOffset) {
+            m_LogFileLength += written;
+        }
         if (written >= 0 && size_t(written) == remaining) {
             m_OutOfSpaceReported = false;
             return true;
@@ -81,8 +84,10 @@ bool LogData::CloseLogFile() {
     if (!m_LogFile.IsOpened()) {
         return true;
     }
-    wxFileOffset length;
-    {
+    // The length counted since the opening; read from the file only when it
+    // could not be read at the opening.
+    wxFileOffset length = m_LogFileLength;
+    if (length == wxInvalidOffset) {
         wxLogNull quiet;
         length = m_LogFile.Length();
     }
