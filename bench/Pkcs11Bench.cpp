@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 #include <wx/filename.h>
 
+#include "BenchDriver.h"
 #include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
@@ -26,19 +27,6 @@ namespace {
 
 const char kSoftHsm[] = "/usr/lib/softhsm/libsofthsm2.so";
 const char kPin[] = "bench-pin-2718";
-
-// The driver stand-in of this build, unless the caller chose another.
-const int kLibraryChosen = setenv("NORVI_LIBRARY", VEXIL_BUILD_DIR "/libnorvi.so", 0);
-
-template <typename Function>
-Function Control(const char* name) {
-    return reinterpret_cast<Function>(NorvCore::NorviSymbol(name));
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 // An RSA-2048 key as a PEM file and on a SoftHSM token "bench" (with its
 // certificate), and a secret encrypted under it, in a folder removed at exit.
@@ -126,8 +114,7 @@ double BatchSeconds(u32 id, const std::string& cipher, int batch) {
 void BM_SslServiceTokenKeyVsPem(benchmark::State& state) {
     static const TokenMaterial keys;
     auto reset = Control<decltype(&norvi_test_reset)>("norvi_test_reset");
-    if (kLibraryChosen != 0 || keys.cipher.size() != 256 || keys.thumbprint.size() != 40 ||
-        reset == nullptr) {
+    if (keys.cipher.size() != 256 || keys.thumbprint.size() != 40 || reset == nullptr) {
         state.SkipWithError("no SoftHSM token, key material or driver stand-in");
         return;
     }

@@ -19,25 +19,13 @@
 #include <benchmark/benchmark.h>
 #include <wx/filename.h>
 
+#include "BenchDriver.h"
 #include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
 #include "host/NorviLoader.h"
 #include "ssl/SSLCertThread.h"
 
 namespace {
-
-// The driver stand-in of this build, unless the caller chose another.
-const int kLibraryChosen = setenv("NORVI_LIBRARY", NORVI_STANDIN_LIBRARY, 0);
-
-template <typename Function>
-Function Control(const char* name) {
-    return reinterpret_cast<Function>(NorvCore::NorviSymbol(name));
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-}
 
 // An RSA-2048 key and a 48-byte secret encrypted under it, made by the
 // openssl command line in a folder removed at exit.
@@ -104,8 +92,7 @@ void BM_SslServiceRsa2048(benchmark::State& state) {
         Control<decltype(&norvi_test_submit_ssl_request)>("norvi_test_submit_ssl_request");
     auto take = Control<decltype(&norvi_test_take_ssl_response)>("norvi_test_take_ssl_response");
     auto reset = Control<decltype(&norvi_test_reset)>("norvi_test_reset");
-    if (kLibraryChosen != 0 || keys.cipher.size() != 256 || submit == nullptr || take == nullptr ||
-        reset == nullptr) {
+    if (keys.cipher.size() != 256 || submit == nullptr || take == nullptr || reset == nullptr) {
         state.SkipWithError("no key material or no driver stand-in");
         return;
     }

@@ -64,7 +64,7 @@ fi
 
 section "SSL credential kinds"
 cat <<'TEXT'
-The capture's key is a PEM file (kind PEM); P12 takes a PKCS#12 file or blob. A key that
+The capture's key is a PEM blob (kind PEM); P12 takes a PKCS#12 file or blob. A key that
 never leaves a PKCS#11 token (HSM, smart card, SoftHSM) is kind CAPI: the token's label and the
 SHA-1 thumbprint of its certificate, with the token's user PIN as the passphrase:
   <SSLCredential id="3" name="web key" credentialType="CAPI"

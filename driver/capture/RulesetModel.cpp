@@ -283,15 +283,20 @@ CRulesetModel::Decision CRulesetModel::Outbound(const CPacketView& packet, uint6
         connection->m_Replied = true;
     }
     if (protocol == kTcp) {
-        if (flags & kRst) {
-            Key key;
-            MakeKey(packet, reply, key);
-            m_Connections.erase(key);
-        } else if (flags & kFin) {
-            (reply ? connection->m_FinReply : connection->m_FinOriginal) = true;
-        }
+        NoteTcpEnd(packet, *connection, reply, flags);
     }
     return Decision::Pass;
+}
+
+void CRulesetModel::NoteTcpEnd(const CPacketView& packet, Connection& connection, bool reply,
+                               uint8_t flags) {
+    if (flags & kRst) {
+        Key key;
+        MakeKey(packet, reply, key);
+        m_Connections.erase(key);
+    } else if (flags & kFin) {
+        (reply ? connection.m_FinReply : connection.m_FinOriginal) = true;
+    }
 }
 
 CRulesetModel::Decision CRulesetModel::InboundTcp(const CPacketView& packet, uint64_t timeUsec,
@@ -313,13 +318,7 @@ CRulesetModel::Decision CRulesetModel::InboundTcp(const CPacketView& packet, uin
     if (connection != nullptr && (reply || connection->m_Replied)) {
         connection->m_Replied = true;
         connection->m_LastUsec = timeUsec;
-        if (flags & kRst) {
-            Key key;
-            MakeKey(packet, reply, key);
-            m_Connections.erase(key);
-        } else if (flags & kFin) {
-            (reply ? connection->m_FinReply : connection->m_FinOriginal) = true;
-        }
+        NoteTcpEnd(packet, *connection, reply, flags);
         return Decision::Pass;
     }
     if (connection == nullptr) {

@@ -65,6 +65,9 @@ private:
     // The connection of the key in either direction; reply says which.
     Connection* Find(const CPacketView& packet, bool& reply);
     Connection* Open(const CPacketView& packet, uint64_t timeUsec);
+    // What a TCP packet of a known connection ends: an RST forgets the
+    // connection, a FIN marks its direction as finished.
+    void NoteTcpEnd(const CPacketView& packet, Connection& connection, bool reply, uint8_t flags);
     void Expire(uint64_t timeUsec);
     static uint64_t TimeoutUsec(const Connection& connection);
 

@@ -77,6 +77,8 @@ public:
     CBackground(const CBackground&) = delete;
     CBackground& operator=(const CBackground&) = delete;
     bool Started() const { return m_Pid > 0; }
+    // Its process id, or -1 once stopped.
+    pid_t Pid() const { return m_Pid; }
 
 private:
     pid_t m_Pid;
