@@ -157,7 +157,9 @@ signal.signal(signal.SIGINT, request_stop)
 signal.signal(signal.SIGTERM, request_stop)
 signal.signal(signal.SIGPIPE, signal.SIG_IGN)
 
--- The SSL service answers the requests of this process's driver interface.
+-- The SSL service answers the requests of this process's driver interface;
+-- ssl counts them for the summary.
+local ssl = { requests = 0, answered = 0, failed = 0 }
 local service, sslSocket
 if sslHosts then
   if type(norvi.listen_ssl) ~= "function" then
@@ -182,6 +184,14 @@ end
 -- Ends the SSL service and its socket, whichever way the run ends.
 local function stop_ssl_service()
   if not service then return end
+  if o.nflog_group then
+    -- Live, the requests come from other processes: the socket counts them.
+    local counts = norvi.ssl_counters()
+    if counts then
+      ssl.requests, ssl.answered = counts.requests, counts.answered
+      ssl.failed = counts.orphaned + counts.refused + counts.dropped
+    end
+  end
   service:StopThread("ssl")
   pcall(norvi.listen_ssl, "")  -- the socket stops taking requests
   os.remove(sslSocket)
@@ -223,7 +233,6 @@ end
 -- The run.
 
 local counts = { records = 0, accepted = 0 }
-local ssl = { requests = 0, answered = 0, failed = 0 }
 
 local function take_keylog()
   if not sslHosts then return end

@@ -82,6 +82,7 @@ const luaL_Reg kFunctions[] = {
     {"SubmitSslRequest", SubmitSslRequest},
     {"listen_ssl", ListenSsl},
     {"open", Open},
+    {"ssl_counters", SslCounters},
     {nullptr, nullptr},
 };
 

@@ -56,6 +56,7 @@ T* NewScratch(lua_State* L, const char* metatable) {
 int BlacklistRequests(lua_State* L);
 int EncodeRecord(lua_State* L);
 int ListenSsl(lua_State* L);
+int SslCounters(lua_State* L);
 int Open(lua_State* L);
 int SetBlacklistResult(lua_State* L);
 int SetSslResponseResult(lua_State* L);

@@ -316,4 +316,23 @@ int ListenSsl(lua_State* L) {
     return 1;
 }
 
+// norvi.ssl_counters(): the counts of this process's SSL socket so far,
+// {clients =, requests =, answered =, orphaned =, refused =, dropped =}; nil
+// and the reason when no socket is served.
+int SslCounters(lua_State* L) {
+    auto counters = NORVI_EXTRA(L, norvi_ssl_counters);
+    uint64_t values[6] = {};
+    if (counters(values) != 0) {
+        return PushFailure(L, nullptr);
+    }
+    const char* const names[6] = {"clients",  "requests", "answered",
+                                  "orphaned", "refused",  "dropped"};
+    lua_createtable(L, 0, 6);
+    for (int i = 0; i < 6; ++i) {
+        lua_pushnumber(L, static_cast<lua_Number>(values[i]));
+        lua_setfield(L, -2, names[i]);
+    }
+    return 1;
+}
+
 }  // namespace NorviLua
