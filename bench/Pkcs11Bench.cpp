@@ -76,33 +76,9 @@ struct TokenMaterial {
 // Seconds until a batch of TLS requests for host configuration id, submitted
 // at once, is answered; -1 when any request failed.
 double BatchSeconds(u32 id, const std::string& cipher, int batch) {
-    auto submit =
-        Control<decltype(&norvi_test_submit_ssl_request)>("norvi_test_submit_ssl_request");
-    auto take = Control<decltype(&norvi_test_take_ssl_response)>("norvi_test_take_ssl_response");
-    std::vector<unsigned char> header(NORVI_SSL_HEADER_SIZE, 0);
-    const uint32_t preMasterLen = 2 + 256;
-    header[0] = preMasterLen & 0xFF;
-    header[1] = preMasterLen >> 8;
-    header[4] = static_cast<unsigned char>(id);
-    header[64] = 1;
-    header[68] = 3;
-    header[69] = 3;
-    const std::string data = std::string("\x01\x00", 2) + cipher;
-    std::vector<unsigned char> response(1024);
-    int64_t failures = 0;
+    const TlsRequest request = MakeTlsRequest(id, cipher);
     const auto started = std::chrono::steady_clock::now();
-    for (int index = 0; index < batch; ++index) {
-        submit(header.data(), data.data(), static_cast<uint32_t>(data.size()));
-    }
-    for (int answered = 0; answered < batch;) {
-        const long size = take(response.data(), response.size(), nullptr);
-        if (size < 0) {
-            std::this_thread::sleep_for(std::chrono::microseconds(200));
-            continue;
-        }
-        failures += size == 72 ? 1 : 0;
-        ++answered;
-    }
+    const int64_t failures = AnswerBatch(request, batch);
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     return failures != 0 ? -1 : seconds;

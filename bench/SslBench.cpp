@@ -88,11 +88,8 @@ double OpenSslReference() {
 void BM_SslServiceRsa2048(benchmark::State& state) {
     static const KeyMaterial keys;
     static const double reference = OpenSslReference();
-    auto submit =
-        Control<decltype(&norvi_test_submit_ssl_request)>("norvi_test_submit_ssl_request");
-    auto take = Control<decltype(&norvi_test_take_ssl_response)>("norvi_test_take_ssl_response");
     auto reset = Control<decltype(&norvi_test_reset)>("norvi_test_reset");
-    if (keys.cipher.size() != 256 || submit == nullptr || take == nullptr || reset == nullptr) {
+    if (keys.cipher.size() != 256 || reset == nullptr) {
         state.SkipWithError("no key material or no driver stand-in");
         return;
     }
@@ -107,34 +104,13 @@ void BM_SslServiceRsa2048(benchmark::State& state) {
     VEXIL::CSSLCertThread service(dom);
     service.start(50, true, 0);
 
-    // TLS 1.2: the two length bytes, then the 256 bytes of cipher text.
-    std::vector<unsigned char> header(NORVI_SSL_HEADER_SIZE, 0);
-    const uint32_t preMasterLen = 2 + 256;
-    header[0] = preMasterLen & 0xFF;
-    header[1] = preMasterLen >> 8;
-    header[4] = 7;
-    header[64] = 1;
-    header[68] = 3;
-    header[69] = 3;
-    std::string data = std::string("\x01\x00", 2) + keys.cipher;
-
+    const TlsRequest request = MakeTlsRequest(7, keys.cipher);
     const int batch = static_cast<int>(state.range(0));
-    std::vector<unsigned char> response(1024);
     int64_t failures = 0;
     const auto started = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        for (int index = 0; index < batch; ++index) {
-            submit(header.data(), data.data(), static_cast<uint32_t>(data.size()));
-        }
-        for (int answered = 0; answered < batch;) {
-            const long size = take(response.data(), response.size(), nullptr);
-            if (size < 0) {
-                std::this_thread::sleep_for(std::chrono::microseconds(200));
-                continue;
-            }
-            failures += size == 72 ? 1 : 0;
-            ++answered;
-        }
+        const int64_t failed = AnswerBatch(request, batch);
+        failures += failed != 0 ? 1 : 0;
     }
     const double seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
