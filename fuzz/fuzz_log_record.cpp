@@ -105,10 +105,10 @@ void CheckReadBack(VEXIL::LogData& log, const std::vector<std::string>& lines) {
         VEXIL::LogLineSink sink(VEXIL::LogLineSink::kMaxLines);
         log.GetLogData(role, 0, 0, "fuzz", &sink);
         std::vector<std::string> read;
-        const std::string& text = sink.JoinedText();
+        const std::string_view text = sink.JoinedText();
         for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
              start = end + 1) {
-            read.push_back(text.substr(start, end - start));
+            read.emplace_back(text.substr(start, end - start));
         }
         VEXIL::FuzzCheck(read == expected[role], "lines that do not read back as written",
                          lines.empty() ? "" : lines[0]);

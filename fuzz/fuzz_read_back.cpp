@@ -50,10 +50,10 @@ extern "C" int LLVMFuzzerTestOneInput(const u8* data, size_t size) {
     VEXIL::LogLineSink sink(cap);
     const bool noSink = (mode & 4) != 0;
     log->GetLogData(mode & 3, start, end, "fuzz-uuid", noSink ? nullptr : &sink);
-    const std::string& text = sink.JoinedText();
+    const std::string_view text = sink.JoinedText();
     VEXIL::FuzzCheck(
         std::count(text.begin(), text.end(), '\n') == static_cast<std::ptrdiff_t>(sink.LineCount()),
-        "a line feed inside a line read back", text.substr(0, 256));
+        "a line feed inside a line read back", std::string(text.substr(0, 256)));
     for (const std::string& path : paths) {
         unlink(path.c_str());
     }

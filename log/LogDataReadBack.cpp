@@ -14,17 +14,12 @@
 #include <cstring>
 #include <memory>
 
-#if defined(__x86_64__) && defined(__GNUC__)
-#include <immintrin.h>
-#elif defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include <wx/filename.h>
 #include <wx/log.h>
 
 #include "host/TextHelpers.h"
 #include "host/Trace.h"
+#include "log/LineScan.h"
 #include "log/LogData.h"
 #include "log/LogLineSink.h"
 
@@ -53,113 +48,6 @@ constexpr size_t kDateTimeLength = 22;
 // The most room a sink is given ahead of a read-back.
 constexpr size_t kMaxReserve = 64 * 1024 * 1024;
 
-// What the scan of one line found, up to the first byte outside 0x20 to
-// 0x7E (or the end of the line): that byte's position, the number of commas
-// before it up to three, and the positions of the third and of the last.
-struct LineScan {
-    size_t stop = 0;
-    size_t commas = 0;
-    size_t thirdComma = 0;
-    size_t lastComma = 0;
-};
-
-// Notes the commas of one block of up to 32 bytes that begins at offset;
-// bit i of mask is a comma at offset + i.
-inline void NoteCommas(u32 mask, size_t offset, LineScan& scan) {
-    if (mask == 0) {
-        return;
-    }
-    scan.lastComma = offset + 31 - size_t(__builtin_clz(mask));
-    for (u32 rest = mask; rest != 0 && scan.commas < 3; rest &= rest - 1) {
-        if (++scan.commas == 3) {
-            scan.thirdComma = offset + size_t(__builtin_ctz(rest));
-        }
-    }
-}
-
-// Notes a stretch of up to 32 bytes at offset, given which of them are not
-// printable and which are commas (bit j for the byte at offset + j); true
-// when the stretch holds the first byte that is not printable.
-inline bool NoteStretch(u32 stops, u32 commas, size_t offset, LineScan& scan) {
-    if (stops == 0) {
-        NoteCommas(commas, offset, scan);
-        return false;
-    }
-    const u32 stop = u32(__builtin_ctz(stops));
-    NoteCommas(commas & ((1u << stop) - 1), offset, scan);
-    scan.stop = offset + stop;
-    return true;
-}
-
-// Scans text[from, length) of a line, whose earlier bytes are printable and
-// noted in scan, for its first byte that is not printable and its commas:
-// 16 bytes at a time where the processor has the vector instructions that
-// every x86-64 has, then one by one.
-LineScan ScanLineFrom(const char* text, size_t from, size_t length, LineScan scan) {
-    size_t i = from;
-#if defined(__SSE2__)
-    // As signed bytes the printable range is 0x1F < c < 0x7F, and every byte
-    // from 0x80 on is negative.
-    const __m128i belowPrintable = _mm_set1_epi8(0x1F);
-    const __m128i abovePrintable = _mm_set1_epi8(0x7F);
-    const __m128i comma = _mm_set1_epi8(',');
-    for (; i + 16 <= length; i += 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
-        const __m128i printable = _mm_and_si128(_mm_cmpgt_epi8(bytes, belowPrintable),
-                                                _mm_cmplt_epi8(bytes, abovePrintable));
-        if (NoteStretch(u32(_mm_movemask_epi8(printable)) ^ 0xFFFFu,
-                        u32(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, comma))), i, scan)) {
-            return scan;
-        }
-    }
-#endif
-    for (; i < length; ++i) {
-        const unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c > 0x7E) {
-            break;
-        }
-        if (c == ',') {
-            NoteCommas(1, i, scan);
-        }
-    }
-    scan.stop = i;
-    return scan;
-}
-
-#if defined(__x86_64__) && defined(__GNUC__)
-#define VEXIL_SCAN_AVX2 1
-// The same, 32 bytes at a time, on processors with AVX2.
-__attribute__((target("avx2"))) LineScan ScanLineAvx2(const char* text, size_t length) {
-    LineScan scan;
-    const __m256i belowPrintable = _mm256_set1_epi8(0x1F);
-    const __m256i abovePrintable = _mm256_set1_epi8(0x7F);
-    const __m256i comma = _mm256_set1_epi8(',');
-    size_t i = 0;
-    for (; i + 32 <= length; i += 32) {
-        const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(text + i));
-        const __m256i printable = _mm256_and_si256(_mm256_cmpgt_epi8(bytes, belowPrintable),
-                                                   _mm256_cmpgt_epi8(abovePrintable, bytes));
-        if (NoteStretch(~u32(_mm256_movemask_epi8(printable)),
-                        u32(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, comma))), i, scan)) {
-            return scan;
-        }
-    }
-    return ScanLineFrom(text, i, length, scan);
-}
-#endif
-
-// Scans a line for its first byte outside 0x20 to 0x7E and for its commas,
-// with the widest vectors the processor has.
-LineScan ScanLine(const char* text, size_t length) {
-#if defined(VEXIL_SCAN_AVX2)
-    static const bool avx2 = __builtin_cpu_supports("avx2");
-    if (avx2) {
-        return ScanLineAvx2(text, length);
-    }
-#endif
-    return ScanLineFrom(text, 0, length, LineScan());
-}
-
 // Reads one file in pieces: each piece ends after a line feed, or holds
 // kMaxPiece bytes, or is the rest of the file. The pieces point into the
 // reader's own buffer and stay valid until the next call. Owned by the
@@ -168,20 +56,18 @@ class CLinePieceReader {
 public:
     explicit CLinePieceReader(int fd) : m_Fd(fd), m_Buffer(new char[kReadSize]) {}
 
-    // The scan of the piece comes along: the line feed that ends a piece is
-    // sought from the first byte that is not printable on, and the piece
-    // holds that byte.
-    bool Next(const char*& piece, size_t& length, LineScan& scan) {
+    // The first byte of the piece that is not printable comes along as
+    // stop (length when there is none): the line feed that ends a piece is
+    // sought from there on, and the piece holds that byte.
+    bool Next(const char*& piece, size_t& length, size_t& stop) {
         for (;;) {
             const size_t available = m_End - m_Start;
             const size_t window = available < kMaxPiece ? available : kMaxPiece;
             const char* start = m_Buffer.get() + m_Start;
-            scan = ScanLine(start, window);
-            const void* lineFeed = scan.stop < window
-                                       ? std::memchr(start + scan.stop, '\n', window - scan.stop)
-                                       : nullptr;
+            stop = FindUnprintable(start, window);
+            const char* lineFeed = FindLineFeed(start, stop, window);
             if (lineFeed != nullptr) {
-                length = static_cast<const char*>(lineFeed) - start + 1;
+                length = lineFeed - start + 1;
             } else if (window == kMaxPiece || (m_EndOfFile && available > 0)) {
                 length = window;
             } else if (m_EndOfFile) {
@@ -216,6 +102,21 @@ public:
 
 private:
     static constexpr size_t kReadSize = 256 * 1024;
+
+    // The first line feed of text[from, window), where from is the first
+    // byte that is not printable; a line ends in CR LF, so that is nearly
+    // always where it stands.
+    static const char* FindLineFeed(const char* text, size_t from, size_t window) {
+        if (from < window && text[from] == '\n') {
+            return text + from;
+        }
+        if (from + 1 < window && text[from] == '\r' && text[from + 1] == '\n') {
+            return text + from + 1;
+        }
+        return from < window
+                   ? static_cast<const char*>(std::memchr(text + from, '\n', window - from))
+                   : nullptr;
+    }
 
     // Moves what is left to the front and reads behind it; a read error
     // counts as the end of the file.
@@ -258,37 +159,6 @@ public:
 private:
     const int m_Fd;
 };
-
-// A decimal number read as strtoll reads it (leading white space, a sign,
-// digits, saturated at the limits), from text[from] up to text[length].
-i64 ReadDecimal(const char* text, size_t from, size_t length) {
-    size_t i = from;
-    while (i < length && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) {
-        ++i;
-    }
-    bool negative = false;
-    if (i < length && (text[i] == '+' || text[i] == '-')) {
-        negative = text[i] == '-';
-        ++i;
-    }
-    u64 magnitude = 0;
-    const u64 limit = negative ? u64(INT64_MAX) + 1 : u64(INT64_MAX);
-    bool saturated = false;
-    // Below this no digit can carry the magnitude past the limit.
-    constexpr u64 kSafe = u64(INT64_MAX) / 10 - 1;
-    for (; i < length && text[i] >= '0' && text[i] <= '9'; ++i) {
-        const u64 digit = u64(text[i] - '0');
-        if (magnitude >= kSafe && (saturated || magnitude > (limit - digit) / 10)) {
-            saturated = true;
-            continue;
-        }
-        magnitude = magnitude * 10 + digit;
-    }
-    if (saturated) {
-        magnitude = limit;
-    }
-    return negative ? i64(0 - magnitude) : i64(magnitude);
-}
 
 // a + b, held at the limits of i64.
 i64 SaturatingAdd(i64 a, i64 b) {
@@ -433,11 +303,8 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
     bool firstLine = true;
     const char* piece;
     size_t length;
-    // The third and the last comma up to the first byte that is not
-    // printable come with each piece.
-    LineScan scan;
-    for (u64 lineNumber = 0; reader.Next(piece, length, scan); ++lineNumber, firstLine = false) {
-        const size_t scanned = scan.stop;
+    size_t scanned;
+    for (u64 lineNumber = 0; reader.Next(piece, length, scanned); ++lineNumber, firstLine = false) {
         size_t lineLength = length;
         bool printable = true;
         if (scanned < length) {
@@ -465,14 +332,9 @@ bool LogData::ReadBackFile(const wxString& path, bool primary, const ReadBackSpa
                 }
             }
         }
-        if (lineLength == 0 || scan.commas < 3 || scan.thirdComma == 0 ||
-            piece[scan.thirdComma - 1] != span.roleCharacter) {
-            continue;
-        }
-
-        // Column 31, the first time in microseconds, is the line's only
-        // time; a line without it is left out.
-        const i64 firstTimeUsec = ReadDecimal(piece, scan.lastComma + 2, lineLength);
+        // A line of another role, or without a time, is left out.
+        const i64 firstTimeUsec =
+            lineLength == 0 ? 0 : LineFirstTime(piece, scanned, lineLength, span.roleCharacter);
         if (firstTimeUsec == 0) {
             continue;
         }

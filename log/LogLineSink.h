@@ -9,7 +9,9 @@
 // has no lock.
 #pragma once
 
-#include <string>
+#include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "host/Types.h"
 
@@ -28,17 +30,28 @@ public:
 
     // The read-back's callback: one qualifying line, columns 3 to 31 of the
     // log line without the line end. printable says that every byte of it
-    // lies in 0x20 to 0x7E.
-    void AddLine(const char* text, size_t length, bool printable);
+    // lies in 0x20 to 0x7E. Called for every line delivered, so it is kept
+    // to a copy and a line feed.
+    void AddLine(const char* text, size_t length, bool printable) {
+        if (m_Capacity - m_Size <= length) {
+            Reserve(m_Size + length + 1);
+        }
+        char* end = m_Text.get() + m_Size;
+        std::memcpy(end, text, length);
+        end[length] = '\n';
+        m_Size += length + 1;
+        ++m_LineCount;
+        m_AllPrintable = m_AllPrintable && printable;
+    }
 
-    // Makes room for bytes of joined text at once, so that a large
-    // read-back neither copies its text as it grows nor touches fresh memory
-    // more than once.
-    void Reserve(size_t bytes) { m_Text.reserve(bytes); }
+    // Makes room for bytes of joined text in all, so that a large read-back
+    // neither copies its text as it grows nor touches fresh memory more than
+    // once. Beyond that, room grows by doubling.
+    void Reserve(size_t bytes);
 
     size_t LineCount() const { return m_LineCount; }
-    // Every line followed by a line feed.
-    const std::string& JoinedText() const { return m_Text; }
+    // Every line followed by a line feed; valid until the next AddLine.
+    std::string_view JoinedText() const { return std::string_view(m_Text.get(), m_Size); }
     // True when every line delivered was printable ASCII.
     bool AllPrintable() const { return m_AllPrintable; }
     u32 MaxLines() const { return m_MaxLines; }
@@ -46,7 +59,10 @@ public:
 private:
     const u32 m_MaxLines;
     size_t m_LineCount = 0;
-    std::string m_Text;
+    // Not cleared: only the first m_Size bytes are ever read.
+    std::unique_ptr<char[]> m_Text;
+    size_t m_Size = 0;
+    size_t m_Capacity = 0;
     bool m_AllPrintable = true;
 };
 

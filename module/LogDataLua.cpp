@@ -93,7 +93,7 @@ int GetLogDataLua(lua_State* L) {
         // The lines go back as UTF-8 text, one line feed after each. Lines
         // of printable ASCII, which is all a well-formed file holds, are
         // that already.
-        const std::string& joined = sink.JoinedText();
+        const std::string_view joined = sink.JoinedText();
         const char* bytes = joined.data();
         size_t length = joined.size();
         // The converted text may live inside the string that it came from.
