@@ -149,6 +149,13 @@ inline bool EightDigits(const char* text, u64& value) {
 // A decimal number read as strtoll reads it (leading white space, a sign,
 // digits, saturated at the limits), from text[from] up to text[length].
 i64 ReadDecimal(const char* text, size_t from, size_t length) {
+    // The usual case, a time of sixteen digits and nothing before them.
+    u64 high, low;
+    if (from + 16 <= length && EightDigits(text + from, high) &&
+        EightDigits(text + from + 8, low) &&
+        (from + 16 == length || text[from + 16] < '0' || text[from + 16] > '9')) {
+        return i64(high * 100000000 + low);
+    }
     size_t i = from;
     while (i < length && (text[i] == ' ' || (text[i] >= '\t' && text[i] <= '\r'))) {
         ++i;

@@ -6,12 +6,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
+#include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <wx/dir.h>
+#include <wx/filefn.h>
 #include <wx/filename.h>
 #include <wx/log.h>
 #include <wx/utils.h>
@@ -225,44 +228,71 @@ void LogData::DrainQueue(u32 waitMsec) {
 }
 
 long LogData::LogFileNumber(const wxString& path) {
-    // The number of an old copy is its extension; anything that does not
-    // begin with digits counts as 0, as the live file does.
-    const wxString extension = wxFileName(path).GetExt();
-    if (extension.empty() || !wxIsdigit(extension[0])) {
+    // The number of an old copy is its extension, what follows the last dot
+    // of the file's name unless that dot begins the name; anything that does
+    // not begin with digits counts as 0, as the live file does.
+    const wxString name = FileNameOf(path);
+    const size_t dot = name.rfind('.');
+    if (dot == wxString::npos || dot == 0 || dot + 1 == name.length() ||
+        !wxIsdigit(name[dot + 1])) {
         return 0;
     }
-    return std::wcstol(extension.wc_str(), nullptr, 10);
+    return std::wcstol(name.wc_str() + dot + 1, nullptr, 10);
+}
+
+wxString LogData::FileNameOf(const wxString& path) {
+    return path.AfterLast('/');
 }
 
 size_t LogData::ListLogFiles(wxString pattern, wxArrayString& files) {
     files.Clear();
     pattern += "*";
-    int error = 0;
-    {
-        wxLogNull quiet;
-        errno = 0;
-        wxDir folder(m_LogFilePath);
-        if (!folder.IsOpened()) {
-            error = errno ? errno : ENOENT;
-        } else {
-            wxDir::GetAllFiles(m_LogFilePath, &files, pattern, wxDIR_FILES);
-        }
-    }
-    if (error != 0) {
+    DIR* folder = ::opendir(m_LogFilePath.fn_str());
+    if (folder == nullptr) {
+        const int error = errno ? errno : ENOENT;
         m_Dom->DoAgentEventWrite(
             6005, L"%.128s|%.128s", static_cast<const char*>(m_LogFilePath.utf8_str()),
             static_cast<const char*>(NorvCore::ErrnoToString(error).utf8_str()));
         errno = error;  // for the caller's own report
         return size_t(-1);
     }
-    std::vector<wxString> sorted(files.begin(), files.end());
+    wxString prefix = m_LogFilePath;
+    while (prefix.length() > 1 && prefix.Last() == '/') {
+        prefix.RemoveLast();
+    }
+    if (prefix.Last() != '/') {
+        prefix += '/';
+    }
+    // Files only, hidden ones left out; the entry's type comes with it where
+    // the file system gives one, else from the file itself.
+    while (const struct dirent* entry = ::readdir(folder)) {
+        if (entry->d_name[0] == '.' || entry->d_type == DT_DIR) {
+            continue;
+        }
+        const wxString name(entry->d_name, *wxConvFileName);
+        if (!wxMatchWild(pattern, name, false)) {
+            continue;
+        }
+        const wxString path = prefix + name;
+        struct stat status;
+        if (entry->d_type != DT_REG && ::stat(path.fn_str(), &status) == 0 &&
+            S_ISDIR(status.st_mode)) {
+            continue;
+        }
+        files.Add(path);
+    }
+    ::closedir(folder);
+    // By number (the live file first), then by name; each number is worked
+    // out once.
+    std::vector<std::pair<long, wxString>> sorted;
+    sorted.reserve(files.GetCount());
+    for (const wxString& file : files) {
+        sorted.emplace_back(LogFileNumber(file), file);
+    }
     std::sort(sorted.begin(), sorted.end());
-    std::stable_sort(sorted.begin(), sorted.end(), [](const wxString& a, const wxString& b) {
-        return LogFileNumber(a) < LogFileNumber(b);
-    });
     files.Clear();
-    for (const wxString& file : sorted) {
-        files.Add(file);
+    for (const auto& file : sorted) {
+        files.Add(file.second);
     }
     return files.GetCount();
 }

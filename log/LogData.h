@@ -162,6 +162,8 @@ private:
     // The number of a family member: its extension read as a decimal number,
     // 0 for the live file and for anything that does not begin with digits.
     static long LogFileNumber(const wxString& path);
+    // The name of a file without its folder.
+    static wxString FileNameOf(const wxString& path);
     // The path of old copy number (0: the live file).
     wxString OldCopyPath(int number) const;
     // The configuration id of the driver's interface, looked up only when

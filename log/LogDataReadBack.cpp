@@ -243,7 +243,7 @@ bool LogData::GetLogData(int role, i64 startTime, i64 endTime, const wxString& u
     // Oldest copy first, the live file last.
     for (size_t i = files.GetCount(); i-- > 0;) {
         const wxString& path = files[i];
-        const bool primary = wxFileName(path).GetFullName() == m_LogFileName;
+        const bool primary = FileNameOf(path) == m_LogFileName;
         NORV_TRACE(L"vexil", wxString::Format("GetLogData() - Looking at file %.128s", path));
         if (primary) {
             NORV_TRACE(L"vexil", "GetLogData() - File is primary");
