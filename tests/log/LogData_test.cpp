@@ -116,9 +116,9 @@ TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther
     EXPECT_EQ(2u, sink.LineCount());
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
     // A hit in an old copy ends it before the live file with its new late line.
-    std::ofstream(temp.Path() + "/norv_mpnp.1") << line(t0, 4);
+    std::ofstream(temp.Path() + "/norv_mpnp.1") << line(t0 + 1, 4);
     std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << line(t0 - 7, 5);
-    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", nullptr));
+    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
 }
 

@@ -78,24 +78,6 @@ TEST_F(Render, ClipsMacAndNoteAndPrintsOddFrameTypes) {
     EXPECT_THAT(line, Not(HasSubstr("CD")));
 }
 
-TEST_F(Render, OnlyTimesAndCountStayOutOfTheText) {
-    Record record;
-    record.Flags(0x50).Proto(6).Set<u32>(52, 60);
-    const std::string base = Line(record.entry);
-    Record later = record;
-    later.Set<u32>(0, 99).Set<u32>(4, 1).Set<u32>(88, 100).Set<u32>(96, 7);
-    EXPECT_EQ(base, Line(later.entry));
-    Record longer = record;
-    longer.Set<u32>(52, 61);
-    EXPECT_NE(base, Line(longer.entry));
-    const u8 one = 1, two = 2;
-    Record packetOne = record, packetTwo = record;
-    packetOne.Set<u16>(58, 1).Set(184, &one);
-    packetTwo.Set<u16>(58, 1).Set(184, &two);
-    EXPECT_NE(Line(packetOne.entry), Line(packetTwo.entry));
-    EXPECT_THAT(Line(packetOne.entry), EndsWith(", , , 01"));
-}
-
 TEST(RecordCopyTest, BoundsOfTheWorkingCopy) {
     static RecordCopy copy;
     const Record record;
