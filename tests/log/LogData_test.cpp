@@ -17,27 +17,22 @@ using VEXIL::LogData;
 
 namespace {
 
-TEST(LogDataSettings, ProbabilitiesAndTimesAreParsed) {
+TEST(LogDataSettings, AnalysisSettingsAreParsedAndBadValuesLeft) {
     CDom dom(":memory:");
     dom.Set("norvp.vexil.analysis.ScanPrY0H0", std::string("0.5"));
     dom.Set("norvp.vexil.analysis.ScanPrY0H1", std::string("0.25"));
     dom.Set("norvp.vexil.analysis.ScanTimeBinMillisec", std::string("2500"));
     dom.Set("norvp.vexil.analysis.ScanningIpsRetentionMsec", std::string("not a number"));
+    // Values beyond 32 bits would wrap into a flag byte if they were cut.
+    dom.Set("norvp.vexil.analysis.IgnoreTcpFlags",
+            std::string("2, 0x12;18\t\t022 x17 256 -1 4294967296 -4294967295 0x100000012"));
+    NorvCore::TakeOperatorLogLines();
     LogData log(dom);
     EXPECT_DOUBLE_EQ(0.5, log.GetScanRatioCleanBin());
     EXPECT_DOUBLE_EQ(1.5, log.GetScanRatioSuspectBin());
     EXPECT_EQ(2500u, log.GetTimeBinMsec());
     // A setting that does not parse leaves the default.
     EXPECT_EQ(300000u, log.GetScanningIpsRetentionMsec());
-}
-
-TEST(LogDataSettings, IgnoreTcpFlagsTokensAndRange) {
-    // Values beyond 32 bits would wrap into a flag byte if they were cut.
-    CDom dom(":memory:");
-    dom.Set("norvp.vexil.analysis.IgnoreTcpFlags",
-            std::string("2, 0x12;18\t\t022 x17 256 -1 4294967296 -4294967295 0x100000012"));
-    NorvCore::TakeOperatorLogLines();
-    LogData log(dom);
     EXPECT_EQ((std::set<u8>{2, 18}), log.GetIgnoreTcpFlags());
     std::vector<std::string> expected;
     for (const char* value : {"256", "-1", "4294967296", "-4294967295", "4294967314"}) {
@@ -114,6 +109,11 @@ TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther
     VEXIL::LogLineSink sink(100);
     EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", &sink));
     EXPECT_EQ(2u, sink.LineCount());
+    EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
+    // A hit in an old copy ends it before the live file with its new late line.
+    std::ofstream(temp.Path() + "/norv_mpnp.1") << line(t0 + 1, 4);
+    std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << line(t0 - 7, 5);
+    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
 }
 

@@ -83,6 +83,4 @@ function logpath.exists(path)
   return support.read(path) ~= nil
 end
 
-logpath.put = support.put
-
 return logpath

@@ -29,8 +29,8 @@ describe("the log file store", function()
   -- Puts the copies, fills the live file so that the next line brings it to
   -- total bytes, and writes that line with packetFilterLog read afresh.
   local function write(total, filterLog, copies)
-    for suffix, text in pairs(copies or {}) do logpath.put(file(suffix), text) end
-    logpath.put(env.path, string.rep("x", total - lineLength))
+    for suffix, text in pairs(copies or {}) do support.put(file(suffix), text) end
+    support.put(env.path, string.rep("x", total - lineLength))
     filterLog.cacheSize = 0
     logpath.update(env)
     return logpath.write(env, {}, logpath.config(filterLog))

@@ -91,6 +91,7 @@ describe("log:GetLogData", function()
     family { ["norv_mpnp.1"] = { old }, norv_mpnp = { new } }
     os.execute(string.format("touch -d @%d '%s/norv_mpnp.1'", T0 + 3, folder))
     assert.are.equal(delivered(new), log:GetLogData(T0 + 4, 0, 0, 100))
+    assert.are.equal(delivered(old, new), log:GetLogData(T0 + 3, 0, 0, 100))
     -- Without a start time the modification time is not looked at.
     assert.are.equal(delivered(old, new), log:GetLogData(0, 0, 0, 100))
   end)
