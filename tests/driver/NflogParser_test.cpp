@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "driver/linux/NflogParser.h"
-#include "driver/linux/NftRuleset.h"
 #include "driver/linux/RulesetVerdicts.h"
 #include "tests/capture/Packets.h"
 
@@ -204,23 +203,6 @@ TEST(RulesetVerdicts, MalformedPrefixesAreRefused) {
         uint32_t id = 0;
         EXPECT_FALSE(NORVI::ParseVerdictPrefix(bad, strlen(bad), action, reason, id)) << bad;
     }
-}
-
-TEST(NftRuleset, TheTemplateIsFilledWithGroupServicesAndEveryVerdict) {
-    std::string error;
-    const std::string text = NORVI::CNftRuleset::Fill(9, {22, 8080}, {}, error);
-    ASSERT_FALSE(text.empty()) << error;
-    EXPECT_EQ(std::string::npos, text.find("{{"));
-    EXPECT_NE(std::string::npos, text.find("elements = { 22, 8080 }"));
-    for (const NORVI::RuleVerdict& verdict : NORVI::kRuleVerdicts) {
-        char prefix[64];
-        NORVI::FormatVerdictPrefix(verdict, prefix, sizeof prefix);
-        EXPECT_NE(std::string::npos,
-                  text.find("log prefix \"" + std::string(prefix) + "\" group 9"))
-            << verdict.m_Name;
-    }
-    EXPECT_TRUE(NORVI::CNftRuleset::Fill(65536, {}, {}, error).empty());
-    EXPECT_NE(std::string::npos, error.find("65536"));
 }
 
 }  // namespace

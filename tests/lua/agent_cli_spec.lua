@@ -42,11 +42,9 @@ describe("vexil-agent command line", function()
   it("refuses each mistake with one line and exit code 2", function()
     local cases = {
       { "", "give exactly one of %-%-pcap FILE and %-%-nflog GROUP" },
-      { "--pcap " .. capture .. " --nflog 3", "give exactly one" },
       { "--frobnicate", "unknown option %-%-frobnicate" },
       { "--pcap", "%-%-pcap needs a value" },
       { "--pcap /nonexistent/x.pcap", "cannot read the capture: /nonexistent/x.pcap" },
-      { "--pcap " .. folder, "cannot read the capture" },
       { "--pcap " .. capture .. " --host 10.0.0.300", "'10.0.0.300' is not an IPv4 or IPv6 address" },
       { "--pcap " .. capture .. " --duration 5", "%-%-duration is for live mode" },
       { "--nflog 70000", "a group number of 0 to 65535" },
@@ -86,10 +84,9 @@ describe("vexil-agent command line", function()
     assert.is_false(result.made_logs)
   end)
 
-  it("prints its usage and version", function()
+  it("prints its usage", function()
     local help = run("--help")
     assert.are.same({ 0, "" }, { help.code, help.err })
     assert.is_truthy(help.out:find("--pcap FILE", 1, true))
-    assert.is_truthy(run("--version").out:match("^vexil%-agent %d+%.%d+%.%d+\n$"))
   end)
 end)

@@ -1,6 +1,6 @@
 -- vexil-agent on live traffic, inside network namespaces that this spec makes:
--- a server, an attacker and a benign client, each on its own veth pair with
--- no route out. The attacker scans the server; the agent blocks it in
+-- a server, and a peer with an attacker's and a benign client's address, on
+-- one veth pair with no route out. The attacker scans the server; the agent blocks it in
 -- nftables, and the benign client still gets through. The namespaces, the
 -- ruleset and every process go at the end.
 local support = require "support"
@@ -12,9 +12,10 @@ local unistd = require "posix.unistd"
 -- the stand-in that the other specs are given.
 local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
 local SUFFIX = tostring(unistd.getpid())
-local SERVER, ATTACKER, BENIGN = "vxa-s" .. SUFFIX, "vxa-a" .. SUFFIX, "vxa-b" .. SUFFIX
-local SERVER_A, ATTACKER_IP = "10.231.1.1", "10.231.1.2"
-local SERVER_B, BENIGN_IP = "10.231.2.1", "10.231.2.2"
+-- The server's namespace, and the peer's with the attacker's and a benign
+-- client's address on one link.
+local SERVER, PEER, LINK = "vxa-s" .. SUFFIX, "vxa-p" .. SUFFIX, "vxa" .. SUFFIX
+local SERVER_IP, ATTACKER_IP, BENIGN_IP = "10.231.1.1", "10.231.1.2", "10.231.1.3"
 local GROUP = 7
 
 local function sh(command)
@@ -45,41 +46,33 @@ local function stop(pid, sig)
 end
 
 local function remove_namespaces()
-  for _, ns in ipairs { SERVER, ATTACKER, BENIGN } do sh("ip netns del " .. ns) end
+  for _, ns in ipairs { SERVER, PEER } do sh("ip netns del " .. ns) end
 end
 
--- The three namespaces and their links; false and why when they cannot be made.
+-- The two namespaces and their link; false and why when they cannot be made.
 local function make_namespaces()
   if unistd.geteuid() ~= 0 then return false, "needs root for network namespaces" end
   if not sh("command -v nft && command -v nc && command -v nmap") then
     return false, "nft, nc and nmap are needed (Debian nftables, netcat-openbsd, nmap)"
   end
-  for _, ns in ipairs { SERVER, ATTACKER, BENIGN } do
-    if not sh("ip netns add " .. ns) then
-      remove_namespaces()
-      return false, "cannot make network namespaces here"
-    end
-    in_ns(ns, "ip link set lo up")
+  local ok = sh("ip netns add " .. SERVER) and sh("ip netns add " .. PEER) and
+    sh(string.format("ip link add %sa netns %s type veth peer name %sb netns %s", LINK, SERVER, LINK, PEER))
+  for _, step in ipairs { { SERVER, "ip addr add " .. SERVER_IP .. "/24 dev " .. LINK .. "a" },
+                          { PEER, "ip addr add " .. ATTACKER_IP .. "/24 dev " .. LINK .. "b" },
+                          { PEER, "ip addr add " .. BENIGN_IP .. "/24 dev " .. LINK .. "b" },
+                          { SERVER, "ip link set " .. LINK .. "a up" }, { SERVER, "ip link set lo up" },
+                          { PEER, "ip link set " .. LINK .. "b up" }, { PEER, "ip link set lo up" } } do
+    ok = ok and in_ns(step[1], step[2])
   end
-  local links = { { ATTACKER, "a", SERVER_A, ATTACKER_IP }, { BENIGN, "b", SERVER_B, BENIGN_IP } }
-  for _, link in ipairs(links) do
-    local ns, tag, serverIp, peerIp = link[1], link[2], link[3], link[4]
-    local ok = sh(string.format("ip link add vs%s%s netns %s type veth peer name vp%s%s netns %s",
-                                tag, SUFFIX, SERVER, tag, SUFFIX, ns))
-      and in_ns(SERVER, string.format("ip addr add %s/24 dev vs%s%s", serverIp, tag, SUFFIX))
-      and in_ns(SERVER, string.format("ip link set vs%s%s up", tag, SUFFIX))
-      and in_ns(ns, string.format("ip addr add %s/24 dev vp%s%s", peerIp, tag, SUFFIX))
-      and in_ns(ns, string.format("ip link set vp%s%s up", tag, SUFFIX))
-    if not ok then
-      remove_namespaces()
-      return false, "cannot link the network namespaces"
-    end
+  if not ok then
+    remove_namespaces()
+    return false, "cannot make and link network namespaces here"
   end
   return true
 end
 
-local function connects(ns, server)
-  return in_ns(ns, "nc -z -w 1 " .. server .. " 8080")
+local function connects(from)
+  return in_ns(PEER, "nc -z -w 1 -s " .. from .. " " .. SERVER_IP .. " 8080")
 end
 
 describe("vexil-agent live", function()
@@ -112,20 +105,20 @@ describe("vexil-agent live", function()
     end
     assert.is_true(installed, "the agent installs table inet vexil: " ..
                               (support.read(output .. ".err") or ""))
-    assert.is_true(connects(ATTACKER, SERVER_A), "the allowed service answers before the scan")
+    assert.is_true(connects(ATTACKER_IP), "the allowed service answers before the scan")
 
-    assert.is_true(in_ns(ATTACKER, "timeout 60 nmap -n -Pn -sS -T4 --max-retries 0 -p 1000-1300 " ..
-                                   SERVER_A))
+    assert.is_true(in_ns(PEER, string.format("timeout 60 nmap -n -Pn -sS -T4 --max-retries 0 " ..
+                                             "-S %s -e %sb -p 1000-1300 %s", ATTACKER_IP, LINK, SERVER_IP)))
     local blocked = false
     for _ = 1, 12 do
       os.execute("sleep 1")
-      if not connects(ATTACKER, SERVER_A) then
+      if not connects(ATTACKER_IP) then
         blocked = true
         break
       end
     end
     assert.is_true(blocked, "the scanner's connection is dropped")
-    assert.is_true(connects(BENIGN, SERVER_B), "another address still gets through")
+    assert.is_true(connects(BENIGN_IP), "another address still gets through")
 
     stop(agent, signal.SIGINT)
     agent = nil

@@ -45,26 +45,31 @@ describe("syslog delivery", function()
     support.remove(folder)
   end)
 
-  it("delivers every message intact over each transport", function()
+  it("delivers every message intact over each transport, one cut on a character boundary", function()
     local texts = { "REASON=PKT:1042 HOSTID=7 act=Deny SRC=192.0.2.7 DST=198.51.100.2 CNT=1",
-                    "NOTE=grüße ☃ tab\tend", string.rep("x", 3000) }
-    local sent = 0
+                    "NOTE=grüße ☃ tab\tend", string.rep("ä", 400) }
     for _, transport in ipairs { "unix", "udp", "tcp" } do
-      local s = sender(receiver, transport)
+      local s = sender(receiver, transport, 600)
       for i, text in ipairs(texts) do
         assert.is_true(s:send(transport .. " " .. text, 5, 1700000000 + i, 250000, "packet"))
       end
       s:close(2)
-      assert.are.same({ 3, 0, 0 }, { s.sent, s.dropped, s.truncated })
-      sent = sent + 3
+      assert.are.same({ 3, 0, 1 }, { s.sent, s.dropped, s.truncated })
     end
-    local records = receiver:wait_for(sent)
-    assert.are.equal(sent, #records)
+    local records = receiver:wait_for(9)
+    assert.are.equal(9, #records)
     local seen = {}
     for _, record in ipairs(records) do
-      seen[record.msg] = record
       assert.are.same({ "spec-host", "vexil", "packet", FACILITY_LOCAL3 * 8 + 5 },
                       { record.hostname, record.app, record.msgid, record.pri })
+      local transport, text = record.msg:match("^(%a+) (.*)$")
+      if text:byte(1) == 0xC3 then
+        -- Whole characters only, and as many as fit.
+        assert.are.equal(string.rep("ä", math.floor(#text / 2)), text, record.input)
+        assert.is_truthy(#text > 400 and #text < 600, record.input)
+        text = string.rep("ä", 400)
+      end
+      seen[transport .. " " .. text] = record
     end
     for _, transport in ipairs { "unix", "udp", "tcp" } do
       for i, text in ipairs(texts) do
@@ -72,22 +77,6 @@ describe("syslog delivery", function()
         assert.is_not_nil(record, transport .. " message " .. i)
         assert.are.equal(string.format("2023-11-14T22:13:%02d.250000", 20 + i), record.time:sub(1, 26))
       end
-    end
-  end)
-
-  it("cuts a message that is too long on a character boundary and counts it", function()
-    for _, transport in ipairs { "unix", "udp", "tcp" } do
-      local s = sender(receiver, transport, 600)
-      assert.is_true(s:send(transport .. string.rep("ä", 400), 4, 1700000000, 0, "payload"))
-      s:close(2)
-      assert.are.same({ 1, 1 }, { s.sent, s.truncated })
-    end
-    local records = receiver:wait_for(3)
-    assert.are.equal(3, #records)
-    for _, record in ipairs(records) do
-      local text = record.msg:match("^%a+(.*)$")
-      assert.is_truthy(#text > 400 and #text < 600, record.input)
-      assert.is_truthy(text:match("^[ä]+$"), "whole characters only over " .. record.input)
     end
   end)
 
