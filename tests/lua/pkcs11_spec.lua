@@ -7,7 +7,7 @@ local softhsm = "/usr/lib/softhsm/libsofthsm2.so"
 local pin = "script-pin-3141"
 
 -- The child: one line per pair of arguments (identifier, PIN), "key" or the
--- reason and its name.
+-- reason and its name, which must name the reason's constant.
 local child = [[
 require "norv"
 assert(require "vexil" == true)
@@ -16,6 +16,7 @@ dom:SetSetting("norvp.vexil.SSL.pkcs11Module", "%s")
 for i = 1, #arg, 2 do
   local key, reason, text = SLB.vexil.RSAKey.Create(string.format(
     '<SSLCredential credentialType="CAPI" identifier="%%s" passphrase="%%s"/>', arg[i], arg[i + 1]))
+  assert(key or SLB.vexil.RSAKey.FailureReason[text] == reason)
   print(key and "key" or reason .. " " .. text)
 end
 ]]

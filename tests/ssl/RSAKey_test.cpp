@@ -1,19 +1,30 @@
-// RSA private keys from credentials: every form that the openssl command line
-// makes, the failure reasons and their order, and decryption.
+// RSA private keys from credentials: the forms that the openssl command line
+// makes, the failure reasons and their order, and decryption; then keys of
+// the store kind ("CAPI") held by a SoftHSM token made in a temporary folder,
+// reached directly and through p11-kit's proxy, decrypting inside the token,
+// also for the whole service.
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <openssl/err.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "host/Dom.h"
+#include "ssl/Pkcs11Module.h"
 #include "ssl/RSAKey.h"
+#include "ssl/SSLCertThread.h"
 #include "ssl/SSLCredential.h"
 #include "tests/ssl/SslTestSupport.h"
 
 namespace {
 
-using ssltest::CountContaining;
+using ssltest::Decrypt;
 using ssltest::KeyMaterial;
 using VEXIL::CRSAKey;
 
@@ -25,45 +36,26 @@ struct Case {
     int reason;  // 0 for a key
 };
 
-class RSAKeyTest : public testing::Test {
+class RSAKeyTest : public ssltest::DriverTest {
 protected:
     void SetUp() override {
+        DriverTest::SetUp();
         ASSERT_TRUE(Keys().Ok());
         NorvCore::SetTraceCategories("norv.vexil.RSAKey");
-        NorvCore::TakeTraceLines();
-        NorvCore::TakeOperatorLogLines();
     }
     void TearDown() override {
         // Whatever happened, no OpenSSL error is left for the next load.
         EXPECT_EQ(0u, ERR_peek_error());
         NorvCore::SetTraceCategories("");
+        DriverTest::TearDown();
     }
 
     static const KeyMaterial& Keys() { return KeyMaterial::Get(); }
 
-    // The key, and the reason stored (0 when none was).
     static std::unique_ptr<CRSAKey> Load(const Case& c, int& reason) {
-        VEXIL::CSSLCredential credential;
-        credential.m_CredentialType = c.type;
-        credential.m_Identifier = c.identifier.empty() || credential.m_CredentialType == "CAPI"
-                                      ? wxString(c.identifier)
-                                      : wxString(Keys().Path(c.identifier));
-        credential.m_Passphrase = c.passphrase;
-        credential.m_Credential = wxString::FromUTF8(c.blob.c_str());
-        CRSAKey::FailureReason failure = static_cast<CRSAKey::FailureReason>(0);
-        std::unique_ptr<CRSAKey> key(CRSAKey::Create(credential, &failure));
-        reason = failure;
-        return key;
-    }
-
-    static std::string Decrypt(CRSAKey& key, const std::string& cipher) {
-        unsigned char plain[1024];
-        size_t length = 99;
-        if (!key.Decrypt(cipher.size(), cipher.data(), plain, sizeof plain, &length)) {
-            EXPECT_EQ(0u, length);
-            return "<failed>";
-        }
-        return std::string(reinterpret_cast<char*>(plain), length);
+        const bool file = !c.identifier.empty() && std::string(c.type) != "CAPI";
+        return ssltest::LoadKey(c.type, file ? Keys().Path(c.identifier) : c.identifier,
+                                c.passphrase, reason, c.blob);
     }
 };
 
@@ -83,35 +75,21 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         {"P12", "legacy.p12", "s3cret", "", 0},
         {"PEM", "key.pem", "unused for a clear key", "", 0},
         {"PEM", "no-such-file", "", Keys().Base64("key.pem"), 0},
-        {"PEM", "no-such-file", "", Keys().Base64("keycert.pem"), 0},
-        {"PEM", "", "s3cret", Keys().Base64("pkcs8.pem"), 0},
-        {"P12", "no-such-file", "s3cret", Keys().Base64("modern.p12"), 0},
         {"P12", "", "s3cret", Keys().Base64("legacy.p12"), 0},
         {"PEM", "trad.pem", "wrong", "", CRSAKey::IncorrectPassphrase},
         {"PEM", "trad.pem", "", "", CRSAKey::IncorrectPassphrase},  // and no prompt
         {"PEM", "pkcs8.pem", "wrong", "", CRSAKey::IncorrectPassphrase},
-        {"PEM", "pkcs8.pem", "", "", CRSAKey::IncorrectPassphrase},
         {"P12", "modern.p12", "x", "", CRSAKey::IncorrectPassphrase},
-        {"P12", "legacy.p12", "", "", CRSAKey::IncorrectPassphrase},
-        {"PEM", "", "wrong", Keys().Base64("pkcs8.pem"), CRSAKey::IncorrectPassphrase},
         {"PEM", "missing.pem", "", "", CRSAKey::UnableToOpenFile},
-        {"P12", "missing.p12", "", "", CRSAKey::UnableToOpenFile},
         {"PEM", "cert.pem", "", "", CRSAKey::UnableToLoadCredentials},  // no key
-        {"P12", "corrupt.p12", "s3cret", "", CRSAKey::UnableToLoadCredentials},
         {"P12", "key.pem", "", "", CRSAKey::UnableToLoadCredentials},
         {"PEM", "", "", wrapped, CRSAKey::UnableToLoadCredentials},
-        {"P12", "", "", "bm90IGEga2V5", CRSAKey::UnableToLoadCredentials},
         // A certificate that forbids key encipherment, before the key is looked at.
         {"PEM", "signonly.pem", "", "", CRSAKey::ImproperKeyUsage},
         {"PEM", "ec.pem", "", "", CRSAKey::KeyNotFound},
         {"pem", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
-        {"", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
-        // The store kind checks the identifier's form, then finds no token named MY.
-        {"CAPI", ";ab12", "", "", CRSAKey::BadIdentifierFormat},
-        {"CAPI", "MY", "", "", CRSAKey::BadIdentifierFormat},
-        {"CAPI", "", "", "", CRSAKey::BadIdentifierFormat},
-        {"CAPI", "MY;", "", "", CRSAKey::UnableToOpenContainer},
-        {"CAPI", "MY;00ff", "", "", CRSAKey::UnableToOpenContainer},
+        // The store kind (Pkcs11KeyTest below) checks the identifier's form first.
+        {"CAPI", "MY", "s3cret", "", CRSAKey::BadIdentifierFormat},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.type) + " " + c.identifier + " '" + c.passphrase + "' " +
@@ -121,6 +99,8 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         EXPECT_EQ(c.reason, reason);
         ASSERT_EQ(c.reason == 0, key != nullptr);
         if (key != nullptr) {
+            // Another key's cipher text fails, and the key works on.
+            EXPECT_EQ("<failed>", Decrypt(*key, Keys().Cipher("key2")));
             EXPECT_EQ(Keys().Secret(), Decrypt(*key, Keys().Cipher("key")));
         }
     }
@@ -128,6 +108,10 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
     VEXIL::CSSLCredential capi;
     capi.m_CredentialType = wxS("CAPI");
     EXPECT_EQ(nullptr, CRSAKey::Create(capi, nullptr));
+    // No passphrase reaches a trace or log line.
+    const std::string log = ssltest::TakeLogText();
+    EXPECT_NE(std::string::npos, log.find("Create() - "));
+    EXPECT_EQ(std::string::npos, log.find("s3cret"));
 
     // About one wrong passphrase in 256 decrypts to valid padding and fails
     // only when the key is decoded: still a wrong passphrase.
@@ -141,28 +125,172 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
     EXPECT_EQ(0, others);
 }
 
-TEST_F(RSAKeyTest, TracesNeverThePassphrase) {
-    int reason = 0;
-    for (const Case& c : {Case{"PEM", "pkcs8.pem", "Do-Not-Log-Me", "", 0},
-                          Case{"P12", "modern.p12", "Do-Not-Log-Me", "", 0},
-                          Case{"CAPI", "", "Do-Not-Log-Me", "", 0}}) {
-        Load(c, reason);
+const char kSoftHsm[] = "/usr/lib/softhsm/libsofthsm2.so";
+const char kPin[] = "token-pin-5521";
+const char kWrongPin[] = "wrong-pin-7734";
+
+// A SoftHSM token "vexil", made once per program before any module loads
+// (SoftHSM reads SOFTHSM2_CONF as it starts). It holds the key material's
+// private key under id 01 and three certificates: "enc" (id 01,
+// keyEncipherment), "sign" (id 02, digitalSignature only) and "plain" (id 03,
+// no key usage extension, no private key).
+class Token {
+public:
+    static const Token& Get() {
+        static const Token token;
+        return token;
     }
-    const std::vector<std::string> lines = NorvCore::TakeTraceLines();
-    EXPECT_GT(CountContaining(lines, "Create() - "), 0u);
-    EXPECT_EQ(0u, CountContaining(lines, "Do-Not-Log-Me"));
-    EXPECT_EQ(0u, CountContaining(NorvCore::TakeOperatorLogLines(), "Do-Not-Log-Me"));
+
+    // Why the token can't be had; empty when it can.
+    const std::string& Missing() const { return m_Missing; }
+    // "vexil;" and the SHA-1 thumbprint of the certificate name.
+    std::string Identifier(const std::string& name) const {
+        return "vexil;" + ssltest::ReadFile(m_Folder.Path() + "/" + name + ".sha1").substr(0, 40);
+    }
+
+private:
+    Token() {
+        if (std::system("command -v softhsm2-util pkcs11-tool >/dev/null 2>&1") != 0 ||
+            access(kSoftHsm, R_OK) != 0) {
+            m_Missing = "SoftHSM (softhsm2-util, libsofthsm2.so) or OpenSC's pkcs11-tool missing";
+            return;
+        }
+        const KeyMaterial& keys = KeyMaterial::Get();
+        const std::string conf = m_Folder.Path() + "/softhsm2.conf";
+        std::ofstream(conf) << "directories.tokendir = " << m_Folder.Path() << "/tokens\n"
+                            << "objectstore.backend = file\nlog.level = ERROR\n";
+        setenv("SOFTHSM2_CONF", conf.c_str(), 1);
+        const std::string tool = std::string("pkcs11-tool --module ") + kSoftHsm +
+                                 " --token-label vexil --login --pin " + kPin;
+        const std::string steps[] = {
+            "mkdir tokens",
+            std::string("softhsm2-util --init-token --free --label vexil --so-pin so-pin-0000 "
+                        "--pin ") +
+                kPin,
+            "openssl pkcs8 -topk8 -nocrypt -in '" + keys.Path("key.pem") + "' -out key.p8",
+            std::string("softhsm2-util --import key.p8 --token vexil --label web --id 01 --pin ") +
+                kPin,
+            "openssl req -x509 -new -key '" + keys.Path("key.pem") +
+                "' -subj /CN=vexil -days 2 -addext keyUsage=keyEncipherment -outform DER "
+                "-out enc.der",
+            "openssl x509 -in '" + keys.Path("signcert.pem") + "' -outform DER -out sign.der",
+            "openssl x509 -in '" + keys.Path("cert.pem") + "' -outform DER -out plain.der",
+            "for c in enc:01 sign:02 plain:03; do " + tool +
+                " --write-object ${c%:*}.der --type cert --id ${c#*:} --label ${c%:*} && "
+                "openssl dgst -sha1 -r ${c%:*}.der > ${c%:*}.sha1 || exit 1; done",
+        };
+        bool ok = keys.Ok() && !m_Folder.Path().empty();
+        for (const std::string& step : steps) {
+            const std::string command =
+                "(cd '" + m_Folder.Path() + "' && " + step + ") >/dev/null 2>&1";
+            ok = ok && std::system(command.c_str()) == 0;
+        }
+        if (!ok) {
+            m_Missing = "the SoftHSM token could not be made";
+        }
+    }
+
+    TempFolder m_Folder;
+    std::string m_Missing;
+};
+
+class Pkcs11KeyTest : public RSAKeyTest {
+protected:
+    void SetUp() override {
+        RSAKeyTest::SetUp();
+        if (!Token::Get().Missing().empty()) {
+            GTEST_SKIP() << Token::Get().Missing();
+        }
+        // The module itself, apart from whatever else p11-kit has registered.
+        ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting, std::string(kSoftHsm)));
+    }
+};
+
+TEST_F(Pkcs11KeyTest, ChecksRunInOrderWhetherOrNotTheTokenIsLoggedIn) {
+    const Token& token = Token::Get();
+    const std::string enc = token.Identifier("enc");
+    const std::string cipher = KeyMaterial::Get().Cipher("key");
+    const struct {
+        std::string module;  // empty: the SoftHSM module
+        std::string identifier;
+        const char* pin;
+        int reason;
+    } cases[] = {
+        {"", enc, kPin, 0},
+        {"", ";" + enc.substr(6), kPin, CRSAKey::BadIdentifierFormat},
+        {"/nonexistent/libpkcs11.so", enc, kPin, CRSAKey::UnableToOpenContainer},
+        {"", "other" + enc.substr(5), kPin, CRSAKey::UnableToOpenContainer},
+        {"", "vexil;", kPin, CRSAKey::IdentifierNotFound},
+        {"", "vexil;" + std::string(40, '0'), kWrongPin, CRSAKey::IdentifierNotFound},
+        {"", token.Identifier("sign"), kWrongPin, CRSAKey::ImproperKeyUsage},
+        {"", enc, kWrongPin, CRSAKey::IncorrectPassphrase},
+        {"", token.Identifier("plain"), kWrongPin, CRSAKey::IncorrectPassphrase},
+        {"", token.Identifier("plain"), kPin, CRSAKey::KeyNotFound},
+    };
+    // The token's login belongs to the process: a later login while a key
+    // is alive meets a logged-in token, and must still refuse a wrong PIN.
+    NorvCore::TakeTraceLines();
+    std::unique_ptr<CRSAKey> alive;
+    for (int pass = 0; pass < 2; ++pass) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::to_string(pass) + " " + c.module + " " + c.identifier + " " + c.pin);
+            ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting,
+                                  c.module.empty() ? std::string(kSoftHsm) : c.module));
+            int reason = -1;
+            std::unique_ptr<CRSAKey> key = ssltest::LoadKey("CAPI", c.identifier, c.pin, reason);
+            EXPECT_EQ(c.reason, reason);
+            ASSERT_EQ(c.reason == 0, key != nullptr);
+            if (key != nullptr) {
+                // Too little room, another key's cipher text and one too short
+                // for the modulus (for which the module first asks for more
+                // room) fail inside the token, and the key works on.
+                EXPECT_EQ("<failed>", Decrypt(*key, cipher, cipher.size() - 1));
+                EXPECT_EQ("<failed>", Decrypt(*key, KeyMaterial::Get().Cipher("key2")));
+                EXPECT_EQ("<failed>", Decrypt(*key, cipher.substr(1), cipher.size() - 1));
+                EXPECT_EQ(KeyMaterial::Get().Secret(), Decrypt(*key, cipher, cipher.size()));
+            }
+        }
+        int reason = -1;
+        alive = ssltest::LoadKey("CAPI", enc, kPin, reason);
+        ASSERT_NE(nullptr, alive);
+    }
+    // No PIN reaches a trace or log line.
+    const std::string log = ssltest::TakeLogText();
+    EXPECT_NE(std::string::npos, log.find("CRSACryptoAPIKey::Create() - "));
+    EXPECT_EQ(std::string::npos, log.find(kPin));
+    EXPECT_EQ(std::string::npos, log.find(kWrongPin));
 }
 
-TEST_F(RSAKeyTest, DecryptRefusesCiphertextOfAnotherKeyAndWorksOn) {
+TEST_F(Pkcs11KeyTest, TheServiceAnswersWithATokenKey) {
+    ASSERT_TRUE(m_Dom.SetConfigXml(wxString::Format(
+        "<SecurityConfiguration><SSLCredentials>"
+        "<SSLCredential id=\"1\" credentialType=\"CAPI\" identifier=\"%s\" passphrase=\"%s\"/>"
+        "</SSLCredentials><SSLHostConfigurations>"
+        "<SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
+        "</SSLHostConfigurations></SecurityConfiguration>",
+        Token::Get().Identifier("enc"), kPin)));
+    VEXIL::CSSLCertThread service(m_Dom);
+    service.start(50, true, 0);
+    ssltest::Submit(ssltest::Header(130, 9, 3, 3, 1),
+                    ssltest::Tls(KeyMaterial::Get().Cipher("key")));
+    std::vector<ssltest::Response> responses;
+    ssltest::AwaitResponses(responses, 1);
+    service.StopThread(L"ssl");
+    ASSERT_EQ(1u, responses.size());
+    EXPECT_EQ(KeyMaterial::Get().Secret(), responses[0].Secret());
+}
+
+TEST_F(Pkcs11KeyTest, P11KitProxyIsTheDefaultModule) {
+    ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting, std::string()));
+    std::string name;
+    if (VEXIL::CPkcs11Module::Configured(name) == nullptr) {
+        GTEST_SKIP() << "p11-kit's proxy module (p11-kit-modules) can't be loaded";
+    }
     int reason = 0;
-    std::unique_ptr<CRSAKey> key = Load(Case{"PEM", "key.pem", "", "", 0}, reason);
-    ASSERT_NE(nullptr, key);
-    EXPECT_EQ("<failed>", Decrypt(*key, Keys().Cipher("key2")));
-    EXPECT_EQ("<failed>", Decrypt(*key, Keys().Cipher("key").substr(1)));
-    EXPECT_LE(2u, CountContaining(NorvCore::TakeOperatorLogLines(),
-                                  "CRSAOpenSSLKey::Decrypt() RSA_private_decrypt: "));
-    EXPECT_EQ(Keys().Secret(), Decrypt(*key, Keys().Cipher("key")));
+    std::unique_ptr<CRSAKey> key =
+        ssltest::LoadKey("CAPI", Token::Get().Identifier("enc"), kPin, reason);
+    ASSERT_NE(nullptr, key) << reason;
+    EXPECT_EQ(KeyMaterial::Get().Secret(), Decrypt(*key, KeyMaterial::Get().Cipher("key")));
 }
 
 }  // namespace

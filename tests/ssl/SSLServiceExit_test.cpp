@@ -23,25 +23,16 @@ const int kExitStatus = 3;
 
 // The child: starts the service, floods it, and exits without stopping it.
 [[noreturn]] void RunChild() {
-    const KeyMaterial& keys = KeyMaterial::Get();
     // Left alive on purpose: the script never stops the service.
     auto* dom = new NorvCore::CDom(":memory:");
-    dom->SetConfigXml(
-        wxString::Format("<SecurityConfiguration><SSLCredentials>"
-                         "<SSLCredential id=\"1\" credentialType=\"PEM\" identifier=\"%s\"/>"
-                         "</SSLCredentials><SSLHostConfigurations>"
-                         "<SSLHostConfiguration id=\"9\" name=\"web\" sslCredentialId=\"1\"/>"
-                         "</SSLHostConfigurations></SecurityConfiguration>",
-                         keys.Path("key.pem")));
+    dom->SetConfigXml(ssltest::Configuration());
     // Every worker step traces and logs: the most use of shared state at exit.
     NorvCore::SetTraceCategories("*");
     auto* service = new VEXIL::CSSLCertThread(*dom);
     service->start(50, true, 0);
-    const std::string cipher = keys.Cipher("key");
+    const std::string cipher = KeyMaterial::Get().Cipher("key");
     for (int i = 0; i < 2000; ++i) {
-        SSL_CONTROL(norvi_test_submit_ssl_request)
-        (ssltest::Header(u32(cipher.size()), 9, 3, 0, u32(i)).data(), cipher.data(),
-         u32(cipher.size()));
+        ssltest::Submit(ssltest::Header(u32(cipher.size()), 9, 3, 0, u32(i)), cipher);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     exit(kExitStatus);

@@ -1,9 +1,8 @@
 // The SSL key service under a long load: one thread feeds requests to the
 // driver stand-in, the configuration is reloaded all the while, and the
 // service is stopped in the middle of the traffic and made anew, several
-// times. Every request that a service took from the driver is answered
-// exactly once and rightly, or was still queued when that service stopped;
-// no handle or thread outlives the services.
+// times. Every request is answered exactly once and rightly, or was still
+// queued when a service stopped; no handle or thread outlives the services.
 //
 // VEXIL_SOAK_REQUESTS sets the number of requests: `make soak` runs 100000,
 // the default is a short form for the sanitizer runs of `make check`.
@@ -55,65 +54,23 @@ size_t ThreadCount() {
     return count;
 }
 
-// Configurations 9 (PEM) and 10 (PKCS#12) have the same key, from files or
-// as blobs, so that answers don't depend on the form a worker sees; 11 names
-// a credential that does not exist.
-wxString Configuration(bool blob) {
-    const KeyMaterial& keys = KeyMaterial::Get();
-    const auto source = [&](const char* file, const char* blobFile) {
-        return blob ? wxString::Format("credential=\"%s\"", keys.Base64(blobFile))
-                    : wxString::Format("identifier=\"%s\"", keys.Path(file));
-    };
-    return wxString::Format(
-        "<SecurityConfiguration><SSLCredentials>"
-        "<SSLCredential id=\"1\" credentialType=\"PEM\" %s/>"
-        "<SSLCredential id=\"2\" credentialType=\"P12\" passphrase=\"s3cret\" %s/>"
-        "</SSLCredentials><SSLHostConfigurations>"
-        "<SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
-        "<SSLHostConfiguration id=\"10\" sslCredentialId=\"2\"/>"
-        "<SSLHostConfiguration id=\"11\" sslCredentialId=\"3\"/>"
-        "</SSLHostConfigurations></SecurityConfiguration>",
-        source("key.pem", "key.pem"), source("modern.p12", "legacy.p12"));
-}
-
-// Tag % 16 picks the kind: SSL 3.0, TLS 1.2 and (13) TLS 1.0 from PKCS#12
-// decrypt; an unknown credential (14) and a bad version (15) fail, with an
-// error line each.
+// Tag % 16 picks the kind: SSL 3.0, TLS 1.2 and (13) TLS 1.2 from PKCS#12
+// decrypt; an unknown credential (14) and a bad version (15) fail. Host
+// configurations 9 and 10 have the same key, from files or as blobs, so
+// that answers don't depend on the form a worker sees.
 bool Decrypts(u32 tag) {
     return tag % 16 < 14;
 }
 
 void Submit(u32 tag) {
-    const KeyMaterial& keys = KeyMaterial::Get();
-    static const std::string cipher = keys.Cipher("key");
+    static const std::string cipher = KeyMaterial::Get().Cipher("key");
     static const std::string tls = ssltest::Tls(cipher);
-    if (tag % 16 == 13) {
-        ssltest::Submit(Header(130, 10, 3, 1, tag), tls);
-    } else if (tag % 16 == 14) {
-        ssltest::Submit(Header(130, 11, 3, 1, tag), tls);
-    } else if (tag % 16 == 15) {
-        ssltest::Submit(Header(128, 9, 2, 0, tag), cipher);
-    } else if (tag % 2 == 0) {
-        ssltest::Submit(Header(128, 9, 3, 0, tag), cipher);
-    } else {
-        ssltest::Submit(Header(130, 9, 3, 3, tag), tls);
-    }
+    const u32 kind = tag % 16;
+    const bool isTls = kind >= 13 || tag % 2 == 1;
+    const u32 id = kind == 13 ? 10 : kind == 14 ? 12 : 9;
+    ssltest::Submit(Header(isTls ? 130 : 128, id, kind == 15 ? 2 : 3, isTls ? 3 : 0, tag),
+                    isTls ? tls : cipher);
 }
-
-// Counts the requests that the service took from the driver.
-class CountingService : public VEXIL::CSSLCertThread {
-public:
-    using CSSLCertThread::CSSLCertThread;
-    ~CountingService() override { StopThread(nullptr); }
-
-    bool ProcessDriverData(norvi_handle_t handle, const VEXIL::SSLRequestHeader* header,
-                           const void* data, u32 dataLen) override {
-        ++m_Taken;
-        return CSSLCertThread::ProcessDriverData(handle, header, data, dataLen);
-    }
-
-    std::atomic<u64> m_Taken{0};
-};
 
 TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
     ASSERT_EQ(0, ssltest::kLibraryChosen);
@@ -128,7 +85,7 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
     NorvCore::CDom dom(":memory:");
     dom.Set("norvp.vexil.SSL.ThreadsPerCpu", i64(4));
     dom.Set("norvp.vexil.SSL.QueueSizeMax", i64(1000000));
-    ASSERT_TRUE(dom.SetConfigXml(Configuration(false)));
+    ASSERT_TRUE(dom.SetConfigXml(ssltest::Configuration()));
 
     // settled: requests answered, or left queued by a stopped service.
     std::atomic<u32> settled{0};
@@ -143,7 +100,7 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
     });
 
     std::vector<u8> answers(total, 0);
-    u64 answered = 0, twice = 0, wrong = 0, taken = 0, left = 0, reloads = 0;
+    u64 answered = 0, twice = 0, wrong = 0, left = 0, reloads = 0;
     size_t peakHandles = 0;
     const auto collect = [&] {
         for (const Response& response : ssltest::TakeResponses()) {
@@ -167,12 +124,12 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
 
     const auto started = Clock::now();
     for (int round = 0; round < kServices; ++round) {
-        CountingService service(dom);
+        VEXIL::CSSLCertThread service(dom);
         service.start(50, true, 0);
         std::atomic<bool> changing{true};
         std::thread changer([&] {
             for (bool blob = true; changing; blob = !blob) {
-                dom.SetConfigXml(Configuration(blob));
+                dom.SetConfigXml(ssltest::Configuration(blob));
                 service.OnSecurityConfigurationChanged();
                 ++reloads;
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -197,7 +154,6 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
         EXPECT_FALSE(service.isRunning());
         EXPECT_EQ(handlesBefore, SSL_CONTROL(norvi_test_open_handles)()) << "service " << round;
         collect();
-        taken += service.m_Taken;
         left += service.QueuedRequests();
         collect();
     }
@@ -207,10 +163,8 @@ TEST(SSLSoakThreads, EveryTakenRequestIsAnsweredOnceThroughReloadsAndStops) {
 
     EXPECT_EQ(0u, twice);
     EXPECT_EQ(0u, wrong);
-    // Every request reached a service, and each one taken was answered or
-    // was still queued at a stop.
-    EXPECT_EQ(total, taken);
-    EXPECT_EQ(taken, answered + left);
+    // Every request was answered or still queued at a stop.
+    EXPECT_EQ(total, answered + left);
     EXPECT_EQ(threadsBefore, ThreadCount());
     // Several workers shared the load, each on its own handle.
     EXPECT_GT(peakHandles, handlesBefore + 2);

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,8 @@
 #include "host/Ticks.h"
 #include "host/Trace.h"
 #include "host/norvi.h"
+#include "ssl/RSAKey.h"
+#include "ssl/SSLCredential.h"
 #include "tests/TempFolder.h"
 
 namespace ssltest {
@@ -55,8 +58,7 @@ public:
     const std::string& Secret() const { return m_Secret; }
     // The PKCS#1 v1.5 ciphertext of Secret() under "key" or "key2".
     std::string Cipher(const std::string& key) const { return ReadFile(Path(key + ".ct")); }
-    // key.pem, keycert.pem, pkcs8.pem, modern.p12 or legacy.p12 as base64 on
-    // one line, as a credential blob.
+    // key.pem or legacy.p12 as base64 on one line.
     std::string Base64(const std::string& name) const { return ReadFile(Path(name + ".b64")); }
 
 private:
@@ -80,11 +82,9 @@ private:
             "openssl pkcs12 -export -legacy -in cert.pem -inkey key.pem -passout pass:s3cret "
             "-out legacy.p12",
             "openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out ec.pem",
-            "head -c 600 modern.p12 > corrupt.p12",
             "for k in key key2; do openssl rsa -in $k.pem -pubout -out $k.pub && "
             "openssl pkeyutl -encrypt -pubin -inkey $k.pub -in secret.bin -out $k.ct; done",
-            "for f in key.pem keycert.pem pkcs8.pem modern.p12 legacy.p12; do "
-            "base64 -w0 $f > $f.b64; done",
+            "for f in key.pem legacy.p12; do base64 -w0 $f > $f.b64; done",
         };
         m_Ok = !m_Folder.Path().empty();
         for (const char* step : steps) {
@@ -98,6 +98,58 @@ private:
     std::string m_Secret;
     bool m_Ok = false;
 };
+
+// The key of a credential, and the reason stored (0 when none was).
+inline std::unique_ptr<VEXIL::CRSAKey> LoadKey(const char* type, const std::string& identifier,
+                                               const std::string& passphrase, int& reason,
+                                               const std::string& blob = "") {
+    VEXIL::CSSLCredential credential;
+    credential.m_CredentialType = type;
+    credential.m_Identifier = wxString::FromUTF8(identifier.c_str());
+    credential.m_Passphrase = wxString::FromUTF8(passphrase.c_str());
+    credential.m_Credential = wxString::FromUTF8(blob.c_str());
+    VEXIL::CRSAKey::FailureReason failure = static_cast<VEXIL::CRSAKey::FailureReason>(0);
+    std::unique_ptr<VEXIL::CRSAKey> key(VEXIL::CRSAKey::Create(credential, &failure));
+    reason = failure;
+    return key;
+}
+
+// The plain text of cipher, or "<failed>" (with no length) when the key
+// refuses it.
+inline std::string Decrypt(VEXIL::CRSAKey& key, const std::string& cipher, size_t capacity = 1024) {
+    unsigned char plain[1024];
+    size_t length = 99;
+    if (!key.Decrypt(cipher.size(), cipher.data(), plain, capacity, &length)) {
+        EXPECT_EQ(0u, length);
+        return "<failed>";
+    }
+    return std::string(reinterpret_cast<char*>(plain), length);
+}
+
+// A security configuration whose host configuration 9 has the PEM key (the
+// file webKey, or key.pem as a blob), 10 the legacy PKCS#12 file (or blob),
+// 11 a key file that doesn't exist, and 12 a credential that doesn't exist.
+inline wxString Configuration(bool blob = false,
+                              const std::string& webKey = KeyMaterial::Get().Path("key.pem")) {
+    const KeyMaterial& keys = KeyMaterial::Get();
+    const auto source = [&](const std::string& file, const std::string& name) {
+        return blob ? wxString::Format("credential=\"%s\"", keys.Base64(name))
+                    : wxString::Format("identifier=\"%s\"", file);
+    };
+    return wxString::Format(
+        "<SecurityConfiguration><SSLCredentials>"
+        "<SSLCredential id=\"1\" credentialType=\"PEM\" %s/>"
+        "<SSLCredential id=\"2\" credentialType=\"P12\" passphrase=\"s3cret\" %s/>"
+        "<SSLCredential id=\"3\" credentialType=\"PEM\" identifier=\"%s\"/>"
+        "</SSLCredentials><SSLHostConfigurations>"
+        "<SSLHostConfiguration id=\"9\" name=\"web\" sslCredentialId=\"1\"/>"
+        "<SSLHostConfiguration id=\"10\" name=\"mail\" sslCredentialId=\"2\"/>"
+        "<SSLHostConfiguration id=\"11\" name=\"broken\" sslCredentialId=\"3\"/>"
+        "<SSLHostConfiguration id=\"12\" name=\"orphan\" sslCredentialId=\"42\"/>"
+        "</SSLHostConfigurations></SecurityConfiguration>",
+        source(webKey, "key.pem"), source(keys.Path("legacy.p12"), "legacy.p12"),
+        keys.Path("missing.pem"));
+}
 
 // An 80-byte request header. The context holds numbered bytes with the tag
 // in front, so that each request can be told apart in its response.
@@ -172,16 +224,19 @@ inline std::vector<Response> TakeResponses() {
     return AwaitResponses(responses);
 }
 
-inline size_t CountContaining(const std::vector<std::string>& lines, const std::string& text) {
-    size_t count = 0;
-    for (const std::string& line : lines) {
-        count += line.find(text) != std::string::npos ? 1 : 0;
+// Every trace and operator log line so far, taken, as one text.
+inline std::string TakeLogText() {
+    std::string text;
+    for (const auto& lines : {NorvCore::TakeTraceLines(), NorvCore::TakeOperatorLogLines()}) {
+        for (const std::string& line : lines) {
+            text += line + "\n";
+        }
     }
-    return count;
+    return text;
 }
 
-// A fresh driver stand-in and trace state for each test; every handle that
-// the test opened must be closed again at its end.
+// A fresh driver stand-in for each test; every handle that the test opened
+// must be closed again at its end.
 class DriverTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -189,17 +244,23 @@ protected:
         ASSERT_NE(nullptr, SSL_CONTROL(norvi_test_reset));
         SSL_CONTROL(norvi_test_reset)();
         m_HandlesBefore = OpenHandles();
-        NorvCore::SetTraceCategories("norvp.vexil.SSLCertThread");
-        NorvCore::TakeTraceLines();
         NorvCore::TakeOperatorLogLines();
     }
     void TearDown() override {
         EXPECT_EQ(m_HandlesBefore, OpenHandles());
         SSL_CONTROL(norvi_test_reset)();
         NorvCore::UseRealTicks();
-        NorvCore::SetTraceCategories("");
     }
     static size_t OpenHandles() { return SSL_CONTROL(norvi_test_open_handles)(); }
+    // The handles opened since the test began, once they number count (or
+    // five seconds have passed) and a moment more, so that late ones show.
+    size_t HandlesOnceAt(size_t count) const {
+        for (int wait = 0; wait < 1000 && OpenHandles() != m_HandlesBefore + count; ++wait) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return OpenHandles() - m_HandlesBefore;
+    }
 
     NorvCore::CDom m_Dom{":memory:"};
     size_t m_HandlesBefore = 0;
