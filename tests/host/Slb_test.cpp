@@ -181,17 +181,6 @@ TEST_F(SlbTest, ScriptCallsAnswerOrRaise) {
               "bad argument #1 to 'Gauge' (test::Dom expected, got table)");
 }
 
-TEST_F(SlbTest, RemovedClassRefusesCallsAndLeavesInstancesCollectable) {
-    ASSERT_EQ(Run("WidgetClass = SLB.test.Widget w = WidgetClass('a', 1)"), "");
-    EXPECT_TRUE(m_Manager->removeClass(SLB::TypeID<Widget>::Key()));
-    EXPECT_FALSE(m_Manager->removeClass(SLB::TypeID<Widget>::Key()));
-    EXPECT_EQ(Run("WidgetClass('a', 1)"),
-              "Class SLB::TypeID<class slbtest::Widget>::Name is not avaliable! ");
-    EXPECT_EQ(Run("w:Size()"), "Unknown class SLB::TypeID<class slbtest::Widget>::Name");
-    ASSERT_EQ(Run("w = nil collectgarbage() collectgarbage()"), "");
-    EXPECT_EQ(g_Destroyed, 1);
-}
-
 TEST_F(SlbTest, GetConvertsToBasesOnlyAndAnswersNullForOtherValues) {
     ASSERT_EQ(Run("b = SLB.test.nested.Both()"), "");
     // A Right pushed on its own is no Both.
