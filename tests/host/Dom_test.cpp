@@ -87,10 +87,6 @@ TEST_F(DomTest, UnusableStoreAnswersAbsentAndStillLogsEvents) {
         i64 number = 3;
         EXPECT_FALSE(dom.Get("k", number));
         EXPECT_FALSE(dom.Set("k", i64{1}));
-        wxString base;
-        EXPECT_TRUE(dom.BaseFolder(base));
-        EXPECT_EQ(U(base), "/var/lib/norv");
-        EXPECT_EQ(dom.ConditionRaise("c"), 1u);
         dom.AgentEventWrite(6009, "");
         EXPECT_TRUE(dom.AgentEvents().empty());
         EXPECT_EQ(NorvCore::TakeOperatorLogLines(),

@@ -67,7 +67,6 @@ TEST(RunnableTest, AWakeEndsOneWaitAndAStopEndsTheLastOnce) {
             wakes += woken ? 1 : 0;
         }
     });
-    EXPECT_FALSE(thread.isRunning());
     thread.start(50, true, 0);
     EXPECT_TRUE(thread.isRunning());
     thread.Awaken();

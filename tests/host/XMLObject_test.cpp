@@ -80,7 +80,6 @@ const char* const kFullRecord =
 
 TEST(XMLObjectTest, ParsesAttributesChildAndListFromDefaults) {
     CRecord record;
-    EXPECT_FALSE(record.WasParsed());
     ASSERT_EQ(XMLObject::ParseOk, record.FromXML(kFullRecord, "test"));
     EXPECT_TRUE(record.WasParsed());
     EXPECT_TRUE(record.m_Inner.WasParsed());
