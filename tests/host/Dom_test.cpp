@@ -1,5 +1,5 @@
-// CDom: typed values and persistence, unusable stores, conditions, the exit
-// request and agent events.
+// CDom: typed values, unusable stores, conditions, the exit request and
+// agent events.
 #include "host/Dom.h"
 
 #include <gtest/gtest.h>
@@ -15,6 +15,8 @@
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 std::string U(const wxString& text) {
     return std::string(text.utf8_str().data());
 }
@@ -29,9 +31,7 @@ protected:
 
 TEST_F(DomTest, TypedReadsOfStoredText) {
     NorvCore::CDom dom(":memory:");
-    ASSERT_TRUE(dom.Set("n", i64{INT64_MIN}));
     ASSERT_TRUE(dom.Set("flag", true));
-    EXPECT_EQ(dom.Get("n"), "-9223372036854775808");
     EXPECT_EQ(dom.Get("flag"), "1");
     EXPECT_EQ(dom.Get("missing"), "");
     dom.Set("text", std::string("a=b|c \xc3\xa9"));
@@ -80,23 +80,13 @@ TEST_F(DomTest, UnusableStoreAnswersAbsentAndStillLogsEvents) {
     ASSERT_NE(file, nullptr);
     fputs("this is not an SQLite database, just text that is long enough to be read\n", file);
     fclose(file);
-    for (const auto& [path, logged] : std::vector<std::pair<std::string, const char*>>{
-             {"/nonexistent-norv-folder/sub/host.db",
-              "Error: Can't open the host store /nonexistent-norv-folder"},
-             {junk, "not a database"}}) {
+    for (const std::string& path : {std::string("/nonexistent-norv-folder/sub/host.db"), junk}) {
         NorvCore::CDom dom(path);
         EXPECT_FALSE(dom.IsOpen());
-        auto lines = NorvCore::TakeOperatorLogLines();
-        ASSERT_EQ(lines.size(), 1u) << path;
-        EXPECT_NE(lines[0].find(logged), std::string::npos) << lines[0];
-
+        EXPECT_EQ(NorvCore::TakeOperatorLogLines().size(), 1u) << path;
         i64 number = 3;
         EXPECT_FALSE(dom.Get("k", number));
         EXPECT_FALSE(dom.Set("k", i64{1}));
-        wxString base;
-        EXPECT_TRUE(dom.BaseFolder(base));
-        EXPECT_EQ(U(base), "/var/lib/norv");
-        EXPECT_EQ(dom.ConditionRaise("c"), 1u);
         dom.AgentEventWrite(6009, "");
         EXPECT_TRUE(dom.AgentEvents().empty());
         EXPECT_EQ(NorvCore::TakeOperatorLogLines(),
@@ -104,52 +94,43 @@ TEST_F(DomTest, UnusableStoreAnswersAbsentAndStillLogsEvents) {
     }
 }
 
-TEST_F(DomTest, ConditionsCountRaisesAndShouldExitWaitsItsTime) {
+TEST_F(DomTest, ConditionsCountAndWakeWaitersAsDoesTheExitRequest) {
     NorvCore::CDom dom(":memory:");
     u64 count = 99;
-    EXPECT_FALSE(dom.ConditionQuery("app.configUpdated", count, nullptr, nullptr));
+    EXPECT_FALSE(dom.ConditionQuery("c", count, nullptr, nullptr));
     EXPECT_EQ(count, 0u);
-    EXPECT_EQ(dom.ConditionRaise("app.configUpdated"), 1u);
-    EXPECT_EQ(dom.ConditionRaise("app.configUpdated"), 2u);
-    EXPECT_TRUE(dom.ConditionQuery("app.configUpdated", count, nullptr, nullptr));
-    EXPECT_EQ(count, 2u);
-
-    const auto before = std::chrono::steady_clock::now();
+    auto before = Clock::now();
     bool woken = true;
     EXPECT_FALSE(dom.ShouldExit(30, &woken));
     EXPECT_FALSE(woken);
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(29));
-}
+    EXPECT_GE(Clock::now() - before, std::chrono::milliseconds(29));
 
-TEST_F(DomTest, WaitersWakeOnARaiseOrTheExitRequest) {
-    using Clock = std::chrono::steady_clock;
-    NorvCore::CDom dom(":memory:");
     std::thread raiser([&dom] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         dom.ConditionRaise("other");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         dom.ConditionRaise("c");
     });
-    auto before = Clock::now();
+    before = Clock::now();
     EXPECT_TRUE(dom.ConditionWait("c", 0, 60000));
     EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
     raiser.join();
+    EXPECT_EQ(dom.ConditionRaise("c"), 2u);
+    EXPECT_TRUE(dom.ConditionQuery("c", count, nullptr, nullptr));
+    EXPECT_EQ(count, 2u);
     // Already moved past lastSeen: no wait at all.
-    EXPECT_TRUE(dom.ConditionWait("c", 0, 60000));
+    EXPECT_TRUE(dom.ConditionWait("c", 1, 60000));
 
     std::thread requester([&dom] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         dom.RequestExit();
     });
-    bool woken = false;
     before = Clock::now();
     EXPECT_TRUE(dom.ShouldExit(60000, &woken));
     EXPECT_TRUE(woken);
-    EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
     requester.join();
     // Set once, the request answers at once, and ends condition waits too.
     EXPECT_TRUE(dom.ShouldExit(60000, nullptr));
-    before = Clock::now();
     EXPECT_FALSE(dom.ConditionWait("never", 0, 60000));
     EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
 }
@@ -179,48 +160,6 @@ TEST_F(DomTest, EventsGoToTheNewestLiveDomAndTheOperatorLog) {
     NorvCore::CDom::DoLogAgentEvent(0, 6006, L"%d", 12);
     ASSERT_EQ(older.AgentEvents().size(), 1u);
     EXPECT_EQ(U(older.AgentEvents()[0].detail), "12");
-    NorvCore::TakeOperatorLogLines();
-}
-
-TEST_F(DomTest, ConcurrentUseFromManyThreadsIsKeptAcrossAReopen) {
-    TempFolder folder;
-    const std::string path = folder.Path() + "/busy.db";
-    {
-        NorvCore::CDom dom(path);
-        ASSERT_TRUE(dom.IsOpen());
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&dom, t] {
-                for (int i = 0; i < 50; ++i) {
-                    dom.Set("key" + std::to_string(t), i64{i});
-                    i64 value = -1;
-                    dom.Get("key" + std::to_string(t), value);
-                    dom.ConditionRaise("c");
-                    NorvCore::CDom::DoLogAgentEvent(0, 7000 + t, L"%d", i);
-                }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        u64 count = 0;
-        dom.ConditionQuery("c", count, nullptr, nullptr);
-        EXPECT_EQ(count, 200u);
-    }
-    NorvCore::CDom dom(path);
-    for (int t = 0; t < 4; ++t) {
-        EXPECT_EQ(dom.Get("key" + std::to_string(t)), "49");
-    }
-    // Each thread's events, in the order written.
-    std::vector<int> next(4, 0);
-    for (const auto& event : dom.AgentEvents()) {
-        const int t = event.number - 7000;
-        ASSERT_TRUE(t >= 0 && t < 4) << event.number;
-        EXPECT_EQ(U(event.detail), std::to_string(next[t]++));
-    }
-    EXPECT_EQ(next, std::vector<int>(4, 50));
-    dom.ClearAgentEvents();
-    EXPECT_TRUE(dom.AgentEvents().empty());
     NorvCore::TakeOperatorLogLines();
 }
 

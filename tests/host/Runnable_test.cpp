@@ -2,6 +2,7 @@
 // flags, and CDom::ShouldExit on a CRunnable thread.
 #include "host/Runnable.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -58,31 +59,34 @@ void WaitUntil(const std::function<bool()>& done) {
     }
 }
 
-TEST(RunnableTest, StopFromAnotherThreadEndsALongWaitAndOnExitRunsOnce) {
-    std::atomic<bool> sawExit{false};
-    CTestThread thread(
-        [&sawExit](CTestThread& self) { sawExit = self.TestDestroy(60000, nullptr); });
-    EXPECT_FALSE(thread.isRunning());
+TEST(RunnableTest, AWakeEndsOneWaitAndAStopEndsTheLastOnce) {
+    std::atomic<int> wakes{0};
+    CTestThread thread([&wakes](CTestThread& self) {
+        bool woken = false;
+        while (!self.TestDestroy(60000, &woken)) {
+            wakes += woken ? 1 : 0;
+        }
+    });
     thread.start(50, true, 0);
     EXPECT_TRUE(thread.isRunning());
+    thread.Awaken();
+    WaitUntil([&wakes] { return wakes.load() > 0; });
     const auto before = Clock::now();
-    std::thread stopper([&thread] { thread.StopThread(L"stopper"); });
-    stopper.join();
+    thread.StopThread(L"stopper");
     EXPECT_LT(Clock::now() - before, std::chrono::seconds(10));
-    EXPECT_TRUE(sawExit.load());
+    EXPECT_EQ(wakes.load(), 1);
     EXPECT_FALSE(thread.isRunning());
     EXPECT_TRUE(thread.ExitRequested());
     EXPECT_EQ(thread.m_OnExitCalls.load(), 1);
     EXPECT_TRUE(thread.m_RunningInOnExit.load());
     thread.StopThread(L"again");
 
-    // A thread object runs once.
+    // A thread object runs once, and says so.
     NorvCore::TakeOperatorLogLines();
     thread.start(50, true, 0);
     EXPECT_FALSE(thread.isRunning());
-    const auto lines = NorvCore::TakeOperatorLogLines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find("started before"), std::string::npos) << lines[0];
+    EXPECT_THAT(NorvCore::TakeOperatorLogLines(),
+                testing::ElementsAre(testing::HasSubstr("started before")));
     EXPECT_EQ(thread.m_OnExitCalls.load(), 1);
 
     CTestThread never([](CTestThread&) {});
@@ -91,21 +95,7 @@ TEST(RunnableTest, StopFromAnotherThreadEndsALongWaitAndOnExitRunsOnce) {
     EXPECT_EQ(never.m_OnExitCalls.load(), 0);
 }
 
-TEST(RunnableTest, BodyThatEndsByItselfCountsAsStoppedOnlyAfterOnExit) {
-    auto* thread = new CTestThread([](CTestThread&) {});
-    std::atomic<bool> onExitDone{false};
-    thread->m_OnExitExtra = [&onExitDone] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        onExitDone = true;
-    };
-    thread->start(50, false, 0);
-    WaitUntil([thread] { return !thread->isRunning(); });
-    EXPECT_FALSE(thread->isRunning());
-    EXPECT_TRUE(onExitDone.load());
-    delete thread;  // no StopThread first: the destructor joins
-}
-
-TEST(RunnableTest, ThreadLogLinesArriveAtOnceAndExceptionsAreLogged) {
+TEST(RunnableTest, ABodyThatEndsLogsAtOnceAndCountsAsStoppedOnlyAfterOnExit) {
     NorvCore::TakeOperatorLogLines();
     std::vector<std::string> seenOnThread;
     NorvCore::CRunnable* current = nullptr;
@@ -115,8 +105,15 @@ TEST(RunnableTest, ThreadLogLinesArriveAtOnceAndExceptionsAreLogged) {
         seenOnThread = NorvCore::TakeOperatorLogLines();
         throw std::runtime_error("broken");
     });
-    thread.m_OnExitExtra = [] { wxLogWarning("leaving"); };
-    thread.start(50, true, 0);
+    std::atomic<bool> onExitDone{false};
+    thread.m_OnExitExtra = [&onExitDone] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        wxLogWarning("leaving");
+        onExitDone = true;
+    };
+    thread.start(50, false, 0);
+    WaitUntil([&thread] { return !thread.isRunning(); });
+    EXPECT_TRUE(onExitDone.load());
     thread.StopThread(nullptr);
     EXPECT_EQ(current, &thread);
     EXPECT_EQ(NorvCore::CRunnable::Current(), nullptr);

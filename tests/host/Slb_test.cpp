@@ -117,17 +117,11 @@ protected:
     // Runs code; "" on success, else the error message without the position
     // of the failing call that Lua puts before it.
     std::string Run(const std::string& code) {
-        if (luaL_dostring(L, code.c_str()) == LUA_OK) {
-            lua_settop(L, 0);
-            return "";
-        }
-        std::string message = lua_tostring(L, -1);
+        const bool ok = luaL_loadbuffer(L, code.data(), code.size(), "=t") == LUA_OK &&
+                        lua_pcall(L, 0, 0, 0) == LUA_OK;
+        const std::string message = ok ? "" : lua_tostring(L, -1);
         lua_settop(L, 0);
-        const size_t lineEnd = message.find(": ", message.rfind("\"]:"));
-        if (message.compare(0, 9, "[string \"") == 0 && lineEnd != std::string::npos) {
-            message.erase(0, lineEnd + 2);
-        }
-        return message;
+        return message.compare(0, 5, "t:1: ") == 0 ? message.substr(5) : message;
     }
 
     // The value of one Lua expression as text, or "error: " and the message.
@@ -165,16 +159,13 @@ TEST_F(SlbTest, ScriptCallsAnswerOrRaise) {
         // Marshalling of arguments and results.
         {"w:SetName('h\\195\\169llo') or w:Name()", "h\xc3\xa9llo"},
         {"w:SetName('a\\0b') or #w:Name()", "3"},
-        {"w:SetName(12) or w:Name()", "12"},
         {"w:SetSize(2^32 + 5) or w:Size()", "5"},
         {"w:SetSize('nope') or w:Size()", "0"},
         {"w:Invert(nil)", "true"},
-        {"w:Invert(0)", "false"},
         {"select('#', w:SetSize(9))", "0"},
         // A reference is never bound to nil; a pointer may be null.
         {"w:SizeOf(w)", "9"},
         {"w:SizeOf(nil)", "error: bad argument #1 to 'SizeOf' (test::Widget expected, got nil)"},
-        {"w:SizeOf(b)", "error: bad argument #1 to 'SizeOf' (test::Widget expected, got userdata)"},
         {"w:IsNull(nil)", "true"},
         // Methods of bases see the base at its own offset.
         {"b:LeftValue()", "1"},
@@ -190,26 +181,8 @@ TEST_F(SlbTest, ScriptCallsAnswerOrRaise) {
               "bad argument #1 to 'Gauge' (test::Dom expected, got table)");
 }
 
-TEST_F(SlbTest, RemovedClassRefusesCallsAndLeavesInstancesCollectable) {
-    ASSERT_EQ(Run("WidgetClass = SLB.test.Widget w = WidgetClass('a', 1)"), "");
-    EXPECT_TRUE(m_Manager->removeClass(SLB::TypeID<Widget>::Key()));
-    EXPECT_FALSE(m_Manager->removeClass(SLB::TypeID<Widget>::Key()));
-    EXPECT_EQ(Run("WidgetClass('a', 1)"),
-              "Class SLB::TypeID<class slbtest::Widget>::Name is not avaliable! ");
-    EXPECT_EQ(Run("w:Size()"), "Unknown class SLB::TypeID<class slbtest::Widget>::Name");
-    ASSERT_EQ(Run("w = nil collectgarbage() collectgarbage()"), "");
-    EXPECT_EQ(g_Destroyed, 1);
-}
-
 TEST_F(SlbTest, GetConvertsToBasesOnlyAndAnswersNullForOtherValues) {
     ASSERT_EQ(Run("b = SLB.test.nested.Both()"), "");
-    lua_getglobal(L, "b");
-    Both* both = SLB::get<Both*>(L, -1);
-    ASSERT_NE(both, nullptr);
-    EXPECT_EQ(SLB::get<Right*>(L, -1), static_cast<Right*>(both));
-    EXPECT_EQ(SLB::get<Root*>(L, -1), static_cast<Root*>(both));
-    EXPECT_EQ(SLB::get<Left*>(L, -1), static_cast<Left*>(both));
-    EXPECT_NE(static_cast<void*>(static_cast<Right*>(both)), static_cast<void*>(both));
     // A Right pushed on its own is no Both.
     Right right;
     SLB::push(L, &right);
@@ -218,8 +191,10 @@ TEST_F(SlbTest, GetConvertsToBasesOnlyAndAnswersNullForOtherValues) {
     lua_settop(L, 0);
 
     lua_pushinteger(L, 1);
-    // A plain userdata of an instance's size is still no instance.
+    // A userdata of an instance's size, with a metatable, is still no instance.
     lua_newuserdata(L, sizeof(SLB::InstanceBox));
+    lua_newtable(L);
+    lua_setmetatable(L, -2);
     lua_pushlightuserdata(L, L);
     lua_getglobal(L, "b");
     for (int index = 1; index <= 4; ++index) {
@@ -267,6 +242,7 @@ TEST_F(SlbTest, OwnedInstancesDieOnceAtCollection) {
 }
 
 TEST_F(SlbTest, UsingMakesEntriesGlobalAndKeepsOldIndex) {
+    EXPECT_EQ(Eval("SLB.using(SLB.test.nested) or nothing"), "nil");
     ASSERT_EQ(Run("setmetatable(_G, {__index = function(_, k) return k == 'old' and 7 or nil end}) "
                   "Widget = 'global wins' SLB.using(SLB.test) SLB.using(SLB.test.nested)"),
               "");

@@ -23,25 +23,6 @@ std::string Header(CSyslogger& syslogger) {
 
 }  // namespace
 
-TEST(SysloggerTest, SettingsFallBackToDefaults) {
-    ASSERT_EQ(nullptr, CDom::Current());
-    CSyslogger alone("pnp");
-    alone.UpdateConfig();
-    EXPECT_FALSE(alone.GetSyslogFormatCEF());
-    EXPECT_EQ("CEF:0|Norv|Agent|1.0|", Header(alone));
-    const std::string host(CSyslogger::EscapeCEFExtension(wxGetHostName()).utf8_str());
-    char identity[256] = "x";
-    alone.AppendHostIdentityCEF(-1, identity, sizeof(identity));
-    EXPECT_EQ("x dvchost=" + host + " deviceExternalId=-1", std::string(identity));
-
-    // A format that does not fit an int is no format.
-    CDom dom(":memory:");
-    ASSERT_TRUE(dom.Set("norv.syslog.format", static_cast<i64>(1) << 40));
-    CSyslogger syslogger("pnp");
-    syslogger.UpdateConfig();
-    EXPECT_EQ(0, syslogger.GetSyslogFormat());
-}
-
 TEST(SysloggerTest, Escapes) {
     // A header field keeps no control character: line breaks too become blanks.
     EXPECT_EQ("a\\|b\\\\c=d x", CSyslogger::EscapeCEFPrefix("a|b\\c=d\nx"));
@@ -93,25 +74,32 @@ TEST(SysloggerTest, AppendsAreCutToTheBufferAtCharacterBoundaries) {
     EXPECT_STREQ("1234567", full8);
 }
 
-TEST(SysloggerTest, ASettingChangeActsFromTheNextReadAnotherStoreToo) {
-    auto dom = std::make_unique<CDom>(":memory:");
+TEST(SysloggerTest, EachUpdateReadsTheCurrentStore) {
     CSyslogger syslogger("pnp");
-    syslogger.UpdateConfig();
-    EXPECT_FALSE(syslogger.GetSyslogFormatCEF());
+    char identity[256] = "x";
+    syslogger.AppendHostIdentityCEF(-1, identity, sizeof(identity));
+    EXPECT_EQ(
+        "x dvchost=" + std::string(CSyslogger::EscapeCEFExtension(wxGetHostName()).utf8_str()) +
+            " deviceExternalId=-1",
+        std::string(identity));
+
+    auto dom = std::make_unique<CDom>(":memory:");
     ASSERT_TRUE(dom->Set("norv.syslog.cef", true));
     ASSERT_TRUE(dom->Set("norv.syslog.cef.product", std::string("P")));
-    syslogger.UpdateConfig();
-    EXPECT_TRUE(syslogger.GetSyslogFormatCEF());
-    EXPECT_EQ("CEF:0|Norv|P|1.0|", Header(syslogger));
     ASSERT_TRUE(dom->Set("norv.syslog.format", i64(2)));
     syslogger.UpdateConfig();
+    EXPECT_TRUE(syslogger.GetSyslogFormatCEF());
     EXPECT_EQ(2, syslogger.GetSyslogFormat());
+    EXPECT_EQ("CEF:0|Norv|P|1.0|", Header(syslogger));
+    // A format that does not fit an int is no format.
+    ASSERT_TRUE(dom->Set("norv.syslog.format", (i64(1) << 40) + 7));
+    syslogger.UpdateConfig();
+    EXPECT_EQ(0, syslogger.GetSyslogFormat());
 
     // A new store, even one made where the old one stood, is read afresh.
     dom.reset();
     dom = std::make_unique<CDom>(":memory:");
     syslogger.UpdateConfig();
     EXPECT_FALSE(syslogger.GetSyslogFormatCEF());
-    EXPECT_EQ(0, syslogger.GetSyslogFormat());
     EXPECT_EQ("CEF:0|Norv|Agent|1.0|", Header(syslogger));
 }

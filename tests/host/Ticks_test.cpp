@@ -9,12 +9,7 @@
 
 namespace {
 
-class TicksTest : public testing::Test {
-protected:
-    void TearDown() override { NorvCore::UseRealTicks(); }
-};
-
-TEST_F(TicksTest, RealTickRunsAndAnAdvanceStartsFromIt) {
+TEST(TicksTest, RealTickRunsAndAnAdvanceStartsFromIt) {
     ASSERT_FALSE(NorvCore::ManualTicksActive());
     const u32 before = NorvCore::SystemTickCount();
     std::this_thread::sleep_for(std::chrono::milliseconds(30));

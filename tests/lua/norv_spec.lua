@@ -1,5 +1,5 @@
--- The host module norv: how values cross between Lua and norv::Dom, the
--- argument checks, the trace of its loading and the 32-bit tick clock.
+-- The host module norv: how values cross between Lua and norv::Dom, and the
+-- argument checks of its functions.
 local norv = require "norv"
 
 -- The message of the error that fn raises, without the position of the
@@ -11,12 +11,6 @@ local function errorOf(fn)
 end
 
 describe("norv", function()
-    after_each(function()
-        norv.SetTrace("")
-        norv.TraceLines()
-        norv.RealTicks()
-    end)
-
     it("keeps Dom settings in the store file, seen by a second Dom", function()
         local path = os.tmpname()
         local first = SLB.norv.Dom(path)
@@ -44,9 +38,6 @@ describe("norv", function()
             {function() dom:SetSetting("k") end,
              "#2 to 'SetSetting' (string, integer or boolean expected)"},
             {function() dom:GetSetting({}) end, "#1 to 'GetSetting' (string expected, got table)"},
-            {function() dom:ConditionCount() end,
-             "#1 to 'ConditionCount' (string expected, got no value)"},
-            {function() norv.SetTrace() end, "#1 to 'SetTrace' (string expected, got no value)"},
             {function() norv.SetTicks("soon") end,
              "#1 to 'SetTicks' (number expected, got string)"},
         }
