@@ -79,20 +79,6 @@ TEST(ParseIpList, FormsSeparatorsAndBadEntries) {
     }
 }
 
-TEST(ParseIpList, MaskReportsTheWholeEntry) {
-    NorvCore::CDom dom(":memory:");
-    u32 mask = 7;
-    EXPECT_FALSE(ConfigUtils::ParseIpMask("40", "1.0.0.0/40", "servers", L"ipList", mask));
-    EXPECT_EQ(0u, mask);
-    EXPECT_TRUE(ConfigUtils::ParseIpMask("255.255.0.0", "x", "servers", L"ipList", mask));
-    EXPECT_EQ(Ip("255.255.0.0"), mask);
-    EXPECT_TRUE(ConfigUtils::ParseIpMask("20", "x", "servers", L"ipList", mask));
-    EXPECT_EQ(Ip("255.255.240.0"), mask);
-    const auto events = dom.AgentEvents();
-    ASSERT_EQ(1u, events.size());
-    EXPECT_EQ("1.0.0.0/40|servers|${ipList}", events[0].detail);
-}
-
 TEST(IpInList, RangesInHostOrderAndMaskedBits) {
     // The range crosses a byte boundary, where a comparison in network order
     // would fail.
