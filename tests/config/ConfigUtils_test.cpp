@@ -1,23 +1,17 @@
 // ConfigUtils against real configuration tables in a Lua state: the lookups,
-// the group readers, the block request, and the index error of a position
-// that holds no table, kept for the entry.
+// the group readers, and the index error of a position that holds no table,
+// kept for the entry. The block request is driven by the probe event specs.
 #include <arpa/inet.h>
 
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <limits>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <wx/log.h>
 #include <lua.hpp>
 
 #include "config/ConfigUtils.h"
-#include "driver/standin/NorviControl.h"
 #include "host/Dom.h"
-#include "host/NorviLoader.h"
-#include "host/Trace.h"
 
 using ::testing::HasSubstr;
 using VEXIL::ConfigUtils;
@@ -29,7 +23,6 @@ class ConfigUtilsTest : public ::testing::Test {
 protected:
     void SetUp() override {
         L = luaL_newstate();
-        NorvCore::TakeOperatorLogLines();
         m_Dom.ClearAgentEvents();
     }
     void TearDown() override { lua_close(L); }
@@ -248,42 +241,6 @@ TEST(ConfigUtils, TruncateNumberCutsTowardZeroAndSaturates) {
                                 ConfigUtils::TruncateNumber(5.9), ConfigUtils::TruncateNumber(-5.9),
                                 ConfigUtils::TruncateNumber(1e19),
                                 ConfigUtils::TruncateNumber(-HUGE_VAL)}));
-}
-
-// The request bytes are checked by the probe event specs; here the spared
-// interfaces and a refusal.
-TEST_F(ConfigUtilsTest, BlacklistIpSparesOwnInterfacesAndReportsARefusal) {
-    const auto setResult =
-        reinterpret_cast<void (*)(int)>(NorvCore::NorviSymbol("norvi_test_set_blacklist_result"));
-    const auto reset = reinterpret_cast<void (*)()>(NorvCore::NorviSymbol("norvi_test_reset"));
-    ASSERT_TRUE(setResult && reset) << "libnorvi.so must be built beside the host core";
-    reset();
-    const norvi_handle_t handle = norvi_open();
-    ASSERT_NE(nullptr, handle);
-    ConfigUtils config(L, 1);
-    // A table under the address in platformInterfaceMap spares it.
-    Load("{ platformInterfaceMap = { ['10.0.0.5'] = { } } }");
-    bool notBlocked = true;
-    const u32 address = inet_addr("10.0.0.5");
-    EXPECT_FALSE(config.BlacklistIp(handle, address, "10.0.0.5", 60, notBlocked));
-    EXPECT_TRUE(notBlocked);
-    EXPECT_FALSE(config.BlacklistIp(nullptr, address, "10.0.0.6", 60, notBlocked));
-    EXPECT_FALSE(notBlocked);
-
-    // A refusal is an operator log error and the event 1001.
-    setResult(EACCES);
-    EXPECT_FALSE(config.BlacklistIp(handle, address, "10.0.0.6", 1, notBlocked));
-    const std::string systemText = wxSysErrorMsgStr(EACCES).utf8_string();
-    EXPECT_THAT(NorvCore::TakeOperatorLogLines(),
-                ::testing::Contains("Error: Driver command code failed BLACKLIST_ADD 0000000d (" +
-                                    systemText + ")"));
-    const auto events = m_Dom.AgentEvents();
-    ASSERT_EQ(1u, events.size());
-    EXPECT_EQ(1001, events[0].number);
-    EXPECT_EQ(wxString::FromUTF8("BLACKLIST_ADD|0000000d (" + systemText + ")"), events[0].detail);
-    EXPECT_EQ(1, lua_gettop(L));
-    reset();
-    norvi_close(handle);
 }
 
 }  // namespace

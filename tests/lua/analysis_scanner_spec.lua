@@ -37,21 +37,6 @@ local function suspect_bins(fixture, config, source, count, protocols)
   end
 end
 
--- The ratios traced for source since the last look, and how often it was
--- removed from consideration.
-local function scores(source)
-  local ratios, removed = {}, 0
-  for _, message in ipairs(analysis.scan_traces()) do
-    if message:find("Likelihood ratio for IP " .. source .. " ", 1, true) then
-      ratios[#ratios + 1] = message:match("^.* protocol 6 is currently (%S+)$")
-    elseif message == "Removed IP " .. source ..
-                      " protocol 6 from consideration as a host/port scanner" then
-      removed = removed + 1
-    end
-  end
-  return { ratios, removed }
-end
-
 describe("scanner scoring", function()
   local fixture, driver
 
@@ -61,17 +46,14 @@ describe("scanner scoring", function()
   end
 
   before_each(function()
-    norv.SetTrace("LogScan")
     fixture = analysis.fixture()
     driver = norvi.open()
     fixture.log:SetNorvi(driver)
-    norv.TraceLines()
   end)
 
   after_each(function()
     fixture:finish()
     driver:close()
-    norv.SetTrace("")
   end)
 
   it("flags a port scanner at its fourth suspect bin with the accumulated counts", function()
@@ -104,18 +86,21 @@ describe("scanner scoring", function()
     assert.are.same({ "7001 HostOrPortScan|203.0.113.1|6|0|4|1" }, fixture:events())
   end)
 
-  it("decays a candidate only in bins in which nobody was active", function()
+  it("decays a candidate only in bins in which nobody was active, down to the floor", function()
     local config = scanning()
+    -- 4, kept over an active bin, then 1 to 0.015625 in four empty bins:
+    -- four suspect bins bring it back to 4 only.
     suspect_bins(fixture, config, SCANNER, 1)
     touch(fixture, config, "203.0.113.50", SERVER, 80, 1)
     fixture:close_bin(config)
     for _ = 1, 4 do fixture:close_bin(config) end
-    assert.are.same({ { "1.000000", "0.250000", "0.062500", "0.015625" }, 0 }, scores(SCANNER))
-    fixture:close_bin(config)
-    assert.are.same({ { "0.003906" }, 1 }, scores(SCANNER))
-    -- Gone: three more suspect bins only bring a new candidate to 64.
-    suspect_bins(fixture, config, SCANNER, 3)
+    suspect_bins(fixture, config, SCANNER, 4)
     assert.are.same({}, fixture:events())
+    -- Below the floor after five empty bins: gone, and a new candidate
+    -- reaches the ceiling in four suspect bins.
+    for _ = 1, 5 do fixture:close_bin(config) end
+    suspect_bins(fixture, config, SCANNER, 4)
+    assert.are.same({ FLAGGED }, fixture:events())
   end)
 
   it("flags more than 64 ports per address at once and blocks through the given table",
@@ -132,12 +117,15 @@ describe("scanner scoring", function()
     local requests = norvi.BlacklistRequests()
     assert.are.same({ "203.0.113.2", 60000, "203.0.113.3" },
                     { requests[1].address, requests[1].milliseconds, requests[2].address })
-    -- The candidate of 64 ports is dropped when its source is flagged at once.
+    -- The candidate of 64 ports is dropped when its source is flagged at once:
+    -- once the block is over, a new one counts only its own ports.
     touch(fixture, config, "203.0.113.1", SERVER, 2000, 70)
     fixture:close_bin(config)
     assert.are.same({ "7001 HostOrPortScan|203.0.113.1|6|60|1|70" }, fixture:events())
-    fixture:close_bin(config)
-    assert.are.same({ {}, 0 }, scores("203.0.113.1"))
+    norv.AdvanceTicks(60000)
+    fixture.log:CacheMaintenance(config)
+    suspect_bins(fixture, config, "203.0.113.1", 4)
+    assert.are.same({ "7001 HostOrPortScan|203.0.113.1|6|60|1|16" }, fixture:events())
   end)
 
   it("stops scoring a source on every protocol once it is flagged on one", function()
@@ -155,7 +143,6 @@ describe("scanner scoring", function()
     fixture.dom:ConditionRaise("app.configUpdated")
     suspect_bins(fixture, config, SCANNER, 3)
     assert.are.same({}, fixture:events())
-    assert.are.same({ { "16.000000", "64.000000" }, 0 }, scores(SCANNER))
   end)
 
   it("leaves a ratio exactly at the ceiling or at the floor in place", function()
@@ -168,11 +155,11 @@ describe("scanner scoring", function()
     assert.are.same({}, fixture:events())
     suspect_bins(fixture, config, SCANNER, 1)
     assert.are.same({ "7001 HostOrPortScan|192.0.2.7|6|0|1|12" }, fixture:events())
+    -- Kept at the floor, the candidate reports the ports of its first bin too.
     suspect_bins(fixture, config, "203.0.113.1", 1)
     for _ = 1, 2 do fixture:close_bin(config) end
-    assert.are.same({ { "1.000000", "0.250000" }, 0 }, scores("203.0.113.1"))
-    fixture:close_bin(config)
-    assert.are.same({ { "0.062500" }, 1 }, scores("203.0.113.1"))
+    suspect_bins(fixture, config, "203.0.113.1", 3)
+    assert.are.same({ "7001 HostOrPortScan|203.0.113.1|6|0|1|16" }, fixture:events())
   end)
 
   it("does not test the ceiling when a candidate is made", function()

@@ -72,15 +72,4 @@ function analysis.fixture(settings)
   return fixture
 end
 
--- The messages of the LogScan trace lines since the last look that contain
--- text (all of them without text).
-function analysis.scan_traces(text)
-  local found = {}
-  for _, line in ipairs(norv.TraceLines()) do
-    local message = line:match("^LogScan %S+ %S+: (.*)$")
-    if message and (text == nil or message:find(text, 1, true)) then found[#found + 1] = message end
-  end
-  return found
-end
-
 return analysis
