@@ -51,14 +51,7 @@ DriverLogEntry Record(int kind, int source, const char* dest, u16 port, u8 tcpFl
     u8 destAddress[4];
     inet_pton(AF_INET, dest, destAddress);
     NORVI::CRecordBuilder builder;
-    builder.Time(1700000000, 0)
-        .EndTime(1700000000, 0)
-        .Action(1)
-        .Reason(3)
-        .Count(1)
-        .Ipv4(sourceAddress, destAddress, 6)
-        .Ports(40000, port)
-        .TcpFlags(tcpFlags);
+    builder.Action(1).Ipv4(sourceAddress, destAddress, 6).Ports(40000, port).TcpFlags(tcpFlags);
     DriverLogEntry record;
     std::memcpy(record.bytes, builder.Bytes(), sizeof record.bytes);
     return record;
