@@ -71,13 +71,12 @@ std::map<std::string, int> TakeBlockRequests() {
     const auto take = reinterpret_cast<size_t (*)(void*, size_t)>(
         NorvCore::NorviSymbol("norvi_test_take_blacklist_requests"));
     std::map<std::string, int> blocked;
-    u8 batch[16 * NORVI_BLACKLIST_REQUEST_SIZE];
-    for (size_t taken; take != nullptr && (taken = take(batch, 16)) != 0;) {
-        for (size_t i = 0; i < taken; ++i) {
-            in_addr address;
-            std::memcpy(&address, batch + i * NORVI_BLACKLIST_REQUEST_SIZE + 8, 4);
-            ++blocked[inet_ntoa(address)];
-        }
+    u8 batch[4 * kSources * NORVI_BLACKLIST_REQUEST_SIZE];  // room for more than there can be
+    const size_t taken = take(batch, 4 * kSources);
+    for (size_t i = 0; i < taken; ++i) {
+        in_addr address;
+        std::memcpy(&address, batch + i * NORVI_BLACKLIST_REQUEST_SIZE + 8, 4);
+        ++blocked[inet_ntoa(address)];
     }
     return blocked;
 }

@@ -6,7 +6,7 @@
 #include <arpa/inet.h>
 
 #include <cmath>
-#include <limits>
+#include <cstdint>
 #include <sstream>
 #include <tuple>
 
@@ -21,7 +21,6 @@ using ::testing::HasSubstr;
 using VEXIL::ConfigUtils;
 using VEXIL::IpInList;
 using VEXIL::IpList;
-using VEXIL::IpListEntry;
 
 namespace {
 
@@ -236,9 +235,7 @@ TEST_F(ConfigUtilsTest, TrafficAnalysisReadsListsAndProbeMap) {
 }
 
 TEST(ConfigUtils, TruncateNumberCutsTowardZeroAndSaturates) {
-    constexpr i64 kMax = std::numeric_limits<i64>::max();
-    constexpr i64 kMin = std::numeric_limits<i64>::min();
-    EXPECT_EQ((std::vector<i64>{0, 5, -5, kMax, kMin}),
+    EXPECT_EQ((std::vector<i64>{0, 5, -5, INT64_MAX, INT64_MIN}),
               (std::vector<i64>{ConfigUtils::TruncateNumber(std::nan("")),
                                 ConfigUtils::TruncateNumber(5.9), ConfigUtils::TruncateNumber(-5.9),
                                 ConfigUtils::TruncateNumber(1e19),
@@ -254,21 +251,20 @@ std::string Dotted(u32 address) {
 // The entries as "first-last" for a range and "address/mask" otherwise.
 std::string Text(const IpList& list) {
     std::string text;
-    for (const IpListEntry& entry : list) {
+    for (const VEXIL::IpListEntry& entry : list) {
         text += (text.empty() ? "" : " ") + Dotted(entry.first) + (entry.isRange ? "-" : "/") +
                 Dotted(entry.second);
     }
     return text;
 }
 
-TEST(ParseIpList, FormsSeparatorsAndBadEntries) {
-    struct Case {
+TEST_F(ConfigUtilsTest, ParseIpListFormsSeparatorsAndBadEntries) {
+    const char* const net24 = "192.168.0.0/255.255.255.0";
+    const struct {
         const char* text;
         const char* expected;
         const char* bad;  // the entries reported as event 2019
-    };
-    const char* const net24 = "192.168.0.0/255.255.255.0";
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"192.168.0.0/24", net24, ""},
         {"192.168.0.0/255.255.255.0", net24, ""},
         {"192.168.0.*", net24, ""},
@@ -285,9 +281,8 @@ TEST(ParseIpList, FormsSeparatorsAndBadEntries) {
         {"1.2.3.0/ /24 1.2.3.0/0 1.2.3.0/33 1.2.3.0/abc 1.2.3.0/2x", "",
          "1.2.3.0/ /24 1.2.3.0/0 1.2.3.0/33 1.2.3.0/abc 1.2.3.0/2x"},
     };
-    NorvCore::CDom dom(":memory:");
-    for (const Case& c : cases) {
-        dom.ClearAgentEvents();
+    for (const auto& c : cases) {
+        m_Dom.ClearAgentEvents();
         IpList list = {{true, 1, 2}};  // emptied by the parse
         EXPECT_EQ(*c.bad == '\0', ConfigUtils::ParseIpList(c.text, "servers", L"ipList", &list))
             << c.text;
@@ -296,7 +291,7 @@ TEST(ParseIpList, FormsSeparatorsAndBadEntries) {
         for (std::istringstream bad(c.bad); bad >> entry;) {
             expected += "2019 " + entry + "|servers|${ipList}\n";
         }
-        for (const auto& event : dom.AgentEvents()) {
+        for (const auto& event : m_Dom.AgentEvents()) {
             reported += std::to_string(event.number) + " " + event.detail.ToStdString() + "\n";
         }
         EXPECT_EQ(expected, reported) << c.text;

@@ -15,17 +15,14 @@ local function blocking(seconds)
 end
 
 describe("probe events and blocking", function()
-  local fixture, driver
+  local fixture
 
   before_each(function()
     fixture = analysis.fixture({ ["norvp.vexil.analysis.ScanningIpsRetentionMsec"] = "5000" })
-    driver = norvi.open()
-    fixture.log:SetNorvi(driver)
   end)
 
   after_each(function()
     fixture:finish()
-    driver:close()
     norvi.SetBlacklistResult(0)
   end)
 

@@ -72,9 +72,8 @@ describe("the analysis gate", function()
 
   it("counts a stealth packet of a disabled type as a flow, and nothing with none enabled",
      function()
-    check(fixture, analysis.configuration({ [1] = { blockAttackerSeconds = 0 } }), {
-      { "NULL, only scanners enabled", { tcph_flags = 0, iph_src = "192.0.2.7" }, true },
-    })
+    check(fixture, analysis.configuration({ [1] = { blockAttackerSeconds = 0 } }),
+          { { "NULL, only scanners enabled", { tcph_flags = 0, iph_src = "192.0.2.7" }, true } })
     -- Enabled: reported, not counted, and a suppressed repeat is not counted either.
     fixture.dom:ConditionRaise("app.configUpdated")
     local config = analysis.configuration(ALL)
