@@ -8,7 +8,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <regex>
 #include <string>
 #include <thread>
 
@@ -141,16 +140,18 @@ TEST(AnalysisThreads, RecordIntakeAndMaintenanceShareOneObject) {
     // One event per NULL source and at most one per scanner (with the counts
     // of one address), however the threads met; none for the whitelisted
     // sources, nor for a source of one port.
-    const std::regex nullScan("NullScan\\|10\\.3\\.0\\.\\d+\\|6\\|1000000");
-    const std::regex scanner("HostOrPortScan\\|10\\.4\\.0\\.\\d+\\|6\\|1000000\\|1\\|\\d+");
     std::map<std::string, int> detections;  // by probe type and source
     size_t nullScans = 0;
     for (const NorvCore::AgentEvent& event : dom.AgentEvents()) {
         const std::string detail = event.detail.ToStdString();
-        EXPECT_TRUE(std::regex_match(detail, event.number == 7002 ? nullScan : scanner))
-            << event.number << " " << detail;
-        EXPECT_EQ(1, ++detections[detail.substr(0, detail.find("|6|"))]) << detail;
-        nullScans += event.number == 7002;
+        const std::string key = detail.substr(0, detail.find("|6|1000000"));
+        const bool nullScan = event.number == 7002 && key.rfind("NullScan|10.3.0.", 0) == 0 &&
+                              detail == key + "|6|1000000";
+        const bool scanner = event.number == 7001 && key.rfind("HostOrPortScan|10.4.0.", 0) == 0 &&
+                             detail.compare(key.size(), 13, "|6|1000000|1|") == 0;
+        EXPECT_TRUE(nullScan || scanner) << event.number << " " << detail;
+        EXPECT_EQ(1, ++detections[key]) << detail;
+        nullScans += nullScan;
     }
     EXPECT_EQ(size_t(kSources), nullScans);
     u64 heartbeats = 0;
