@@ -40,16 +40,8 @@ protected:
         lua_settop(L, 1);
     }
 
-    // Runs the packetFilterLog reader into m_Size.. and returns its result.
-    bool ReadFilterLog(ConfigUtils& config, IpList*& list) {
-        return config.getAgentConfigurationPacketFilterLog(m_Size, m_Keep, list, m_CacheSize,
-                                                           m_Lifetime, m_Stale);
-    }
-
     lua_State* L = nullptr;
     NorvCore::CDom m_Dom{":memory:"};
-    u32 m_Size = 0, m_Keep = 0, m_Lifetime = 0, m_Stale = 0;
-    u64 m_CacheSize = 0;
 };
 
 TEST_F(ConfigUtilsTest, RuleAndHostLookupsReadUtf8AndDefaults) {
@@ -87,6 +79,7 @@ TEST_F(ConfigUtilsTest, RuleAndHostLookupsReadUtf8AndDefaults) {
 TEST_F(ConfigUtilsTest, MissingTableOrGroupFailsEveryLookupAndChangesNothing) {
     std::string text = "untouched";
     u32 number = 42, enabled = 0, notify = 0;
+    u64 wide = 42;
     bool flag = true;
     IpList* list = nullptr;
     u32 seconds[5] = {};
@@ -98,13 +91,15 @@ TEST_F(ConfigUtilsTest, MissingTableOrGroupFailsEveryLookupAndChangesNothing) {
         config.getAgentConfigurationHostIdentity(text, number);
         EXPECT_FALSE(config.getInterfaceName("0", text));
         EXPECT_FALSE(config.getInterfaceConfigID("0", number));
-        EXPECT_FALSE(ReadFilterLog(config, list));
+        EXPECT_FALSE(config.getAgentConfigurationPacketFilterLog(number, number, list, wide, number,
+                                                                 number));
         EXPECT_FALSE(
             config.getAgentConfigurationTrafficAnalysis(list, list, seconds, enabled, notify));
         EXPECT_EQ(1, lua_gettop(L));
     }
     EXPECT_EQ("untouched", text);
     EXPECT_EQ(42u, number);
+    EXPECT_EQ(42u, wide);
     EXPECT_EQ(nullptr, list);
 }
 
@@ -181,11 +176,13 @@ TEST_F(ConfigUtilsTest, PacketFilterLogReadsValuesAndReplacesTheIgnoreList) {
     for (const auto& c : cases) {
         Load("{ packetFilterLog = " + c.first + " }");
         IpList* list = &old;
-        EXPECT_TRUE(ReadFilterLog(config, list));
-        const std::string values =
-            wxString::Format("%u %u %llu %u %u: ", m_Size, m_Keep, (unsigned long long)m_CacheSize,
-                             m_Lifetime, m_Stale)
-                .ToStdString();
+        u32 size = 9, keep = 9, lifetime = 9, stale = 9;
+        u64 cacheSize = 9;
+        EXPECT_TRUE(config.getAgentConfigurationPacketFilterLog(size, keep, list, cacheSize,
+                                                                lifetime, stale));
+        const std::string values = wxString::Format("%u %u %llu %u %u: ", size, keep,
+                                                    (unsigned long long)cacheSize, lifetime, stale)
+                                       .ToStdString();
         EXPECT_EQ(c.second, values + (list ? std::to_string(list->size()) + " entries" : "null"));
         EXPECT_NE(&old, list);
         delete list;
@@ -235,11 +232,10 @@ TEST_F(ConfigUtilsTest, TrafficAnalysisReadsListsAndProbeMap) {
 }
 
 TEST(ConfigUtils, TruncateNumberCutsTowardZeroAndSaturates) {
-    EXPECT_EQ((std::vector<i64>{0, 5, -5, INT64_MAX, INT64_MIN}),
-              (std::vector<i64>{ConfigUtils::TruncateNumber(std::nan("")),
-                                ConfigUtils::TruncateNumber(5.9), ConfigUtils::TruncateNumber(-5.9),
-                                ConfigUtils::TruncateNumber(1e19),
-                                ConfigUtils::TruncateNumber(-HUGE_VAL)}));
+    const auto cut = ConfigUtils::TruncateNumber;
+    EXPECT_EQ(
+        (std::vector<i64>{0, 5, -5, INT64_MAX, INT64_MIN}),
+        (std::vector<i64>{cut(std::nan("")), cut(5.9), cut(-5.9), cut(1e19), cut(-HUGE_VAL)}));
 }
 
 std::string Dotted(u32 address) {
