@@ -2,7 +2,7 @@
 // the group readers, and the index error of a position that holds no table,
 // kept for the entry; the address list texts that ParseIpList takes, with the
 // events for bad entries, and the membership test IpInList. The block request
-// is driven by the probe event specs.
+// is driven through the log object by analysis_events_spec.lua.
 #include <arpa/inet.h>
 
 #include <cmath>
