@@ -38,12 +38,13 @@ function analysis.record(fields)
   return norvi.EncodeRecord(record)
 end
 
--- A fresh host store and log object, the clock standing at START_TICKS;
--- settings are host settings made before the object.
+-- A fresh host store and log object with a driver handle, the clock standing
+-- at START_TICKS; settings are host settings made before the object.
 function analysis.fixture(settings)
   norv.SetTicks(analysis.START_TICKS)
-  local fixture = {}
+  local fixture = { driver = norvi.open() }
   fixture.folder, fixture.dom, fixture.log = support.log_object(settings)
+  fixture.log:SetNorvi(fixture.driver)
   norvi.BlacklistRequests()
 
   function fixture:write(config, fields)
@@ -66,21 +67,11 @@ function analysis.fixture(settings)
 
   function fixture:finish()
     self.log = nil
+    self.driver:close()
     support.drop_log(self.folder)
   end
 
   return fixture
-end
-
--- The messages of the LogScan trace lines since the last look that contain
--- text (all of them without text).
-function analysis.scan_traces(text)
-  local found = {}
-  for _, line in ipairs(norv.TraceLines()) do
-    local message = line:match("^LogScan %S+ %S+: (.*)$")
-    if message and (text == nil or message:find(text, 1, true)) then found[#found + 1] = message end
-  end
-  return found
 end
 
 return analysis
