@@ -1,13 +1,17 @@
-// The log object's frame: settings read at construction, file names, and
-// listing the family. Opening the file is covered by the Lua specs.
+// The log object's frame: settings read at construction, file names, listing
+// the family, the read-back without a sink and its byte scan, and the script
+// entry SetNorvi seen from both sides. Opening the file is covered by the Lua
+// specs.
 #include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 #include <wx/filename.h>
+#include <lua.hpp>
 
 #include "host/Dom.h"
 #include "host/Trace.h"
+#include "host/slb/SLB.h"
 #include "log/LogData.h"
 #include "log/LogLineSink.h"
 #include "tests/TempFolder.h"
@@ -115,6 +119,86 @@ TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther
     std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << line(t0 - 7, 5);
     EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
+}
+
+// The read-back's line scan tests many bytes at a time: a byte outside
+// 0x20..0x7E at any position of a line, whatever its place in a block of the
+// scan, drops that line and no other; lines of every length come back whole,
+// their last comma and line end found wherever they fall.
+// A packet line with a padding column of the given length.
+std::string Line(size_t padding) {
+    return "2023/11/14, 22:13:20, f, 0, " + std::string(padding, 'x') +
+           ", 1, 1700000000000000, 1700000000000000\r\n";
+}
+
+TEST(ReadBackScan, ABadByteAnywhereDropsOnlyItsLine) {
+    TempFolder folder;
+    std::string file;
+    std::string expected;
+    const unsigned char badBytes[] = {0x01, 0x1F, 0x7F, 0x80, 0xFF, 0x00};
+    for (size_t padding = 0; padding <= 70; ++padding) {
+        const std::string good = Line(padding);
+        file += good;
+        expected += good.substr(22, good.size() - 24) + "\n";
+        // The same line with one bad byte in place of each of its bytes but
+        // the line end.
+        for (size_t at = 0; at + 2 < good.size(); ++at) {
+            std::string bad = good;
+            bad[at] = char(badBytes[(at + padding) % sizeof badBytes]);
+            file += bad;
+        }
+    }
+    // A last line without a line end is examined with its bad byte, but its
+    // commas count only up to that byte: the time is not found and the
+    // line is left out.
+    std::string last = Line(40);
+    last[66] = '\x01';
+    file += last.substr(0, last.size() - 2);
+    std::ofstream(folder.Path() + "/norv_mpnp", std::ios::binary) << file;
+
+    NorvCore::CDom dom(":memory:");
+    VEXIL::LogData log(dom);
+    log.SetLogFilePath(folder.Path());
+    VEXIL::LogLineSink sink(VEXIL::LogLineSink::kMaxLines);
+    ASSERT_TRUE(log.GetLogData(VEXIL::kRolePacket, 0, 0, "test", &sink));
+
+    EXPECT_EQ(expected, sink.JoinedText());
+    EXPECT_EQ(71u, sink.LineCount());
+}
+
+// What the script hands over is the handle the log object keeps, and a
+// refused box leaves it in place.
+TEST(SetNorviEntry, KeepsACopyOfTheHandleAndIgnoresAClosedBox) {
+    lua_State* L = luaL_newstate();
+    ASSERT_NE(nullptr, L);
+    luaL_openlibs(L);
+    const char* const chunk = "package.cpath = '" VEXIL_BUILD_DIR
+                              "/?.so'\n"
+                              "require 'norv'\n"
+                              "local norvi = require 'norvi'\n"
+                              "assert(require 'vexil')\n"
+                              "dom = SLB.norv.Dom(':memory:')\n"
+                              "log = SLB.vexil.LogData(dom)\n"
+                              "first = assert(norvi.open())\n"
+                              "assert(log:SetNorvi(first) == 1)\n"
+                              "local second = assert(norvi.open())\n"
+                              "second:close()\n"
+                              "assert(not pcall(log.SetNorvi, log, second))\n"
+                              "return log, first";
+    ASSERT_EQ(LUA_OK, luaL_dostring(L, chunk)) << lua_tostring(L, -1);
+    VEXIL::LogData* log = SLB::get<VEXIL::LogData*>(L, -2);
+    ASSERT_NE(nullptr, log);
+    auto* box = static_cast<norvi_handle_t*>(luaL_testudata(L, -1, "norvi_handle_t*"));
+    ASSERT_NE(nullptr, box);
+    const norvi_handle_t handle = *box;
+    ASSERT_NE(nullptr, handle);
+    EXPECT_EQ(handle, log->GetNorviHandle());
+
+    // Closing the script's box leaves the log object's copy as it was.
+    ASSERT_EQ(LUA_OK, luaL_dostring(L, "first:close()")) << lua_tostring(L, -1);
+    EXPECT_EQ(nullptr, *box);
+    EXPECT_EQ(handle, log->GetNorviHandle());
+    lua_close(L);
 }
 
 }  // namespace

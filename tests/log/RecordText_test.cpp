@@ -1,6 +1,6 @@
 // Rendering of single records: the columns of a log line on crafted records,
-// and the bounds of the working copy. The words of single fields show in the
-// full lines of the render and syslog specs.
+// the bounds of the working copy, and SyslogFormat without a configuration. The words of single
+// fields show in the full lines of the render and syslog specs.
 #include <arpa/inet.h>
 
 #include <cstring>
@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "log/LogData.h"
 #include "log/RecordCopy.h"
@@ -105,6 +106,20 @@ TEST_F(Render, AnnouncedDataBeyondWhatArrivedReadsZeros) {
     ASSERT_TRUE(copy.Fill(&record.entry, arrived, sizeof arrived));
     const std::string line = Line(*copy.Entry());
     EXPECT_THAT(line, EndsWith(", 8, 0, 0, ABCD00000000, "));
+}
+
+// SyslogFormat called directly, on the path that the script entry cannot
+// reach: no configuration table at all.
+TEST(SyslogFormat, NothingIsMadeWithoutConfiguration) {
+    NORVI::CRecordBuilder record;
+    record.AddFlags(NORVI::Record::kIpv4);
+    VEXIL::RecordCopy copy;
+    ASSERT_TRUE(copy.Fill(record.Bytes(), nullptr, 0));
+    NorvCore::CDom dom(":memory:");
+    VEXIL::LogData log(dom);
+    std::string result = "untouched";
+    EXPECT_FALSE(log.SyslogFormat(copy.Entry(), result));
+    EXPECT_EQ("untouched", result);
 }
 
 }  // namespace
