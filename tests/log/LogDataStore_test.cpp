@@ -55,10 +55,6 @@ std::string Content(const std::string& path) {
     return text.str();
 }
 
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
-
 std::vector<int> EventNumbers(const NorvCore::CDom& dom) {
     std::vector<int> numbers;
     for (const auto& event : dom.AgentEvents()) {
@@ -103,8 +99,8 @@ TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
     }
     g_Steps = {{ENOSPC, 0}};
     EXPECT_TRUE(Write("line one\r\n"));
-    EXPECT_FALSE(Exists(Path(".3")));
-    EXPECT_TRUE(Exists(Path(".2")));
+    EXPECT_FALSE(wxFileExists(Path(".3")));
+    EXPECT_TRUE(wxFileExists(Path(".2")));
     ASSERT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
     EXPECT_EQ("", m_Dom.AgentEvents()[0].detail);
     const auto lines = NorvCore::TakeOperatorLogLines();
@@ -118,7 +114,7 @@ TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
     // Progress between two shortages allows a second deletion.
     g_Steps = {{ENOSPC, 0}, {0, 2}, {ENOSPC, 0}};
     EXPECT_TRUE(Write("line two\r\n"));
-    EXPECT_FALSE(Exists(Path(".2")) || Exists(Path(".1")));
+    EXPECT_FALSE(wxFileExists(Path(".2")) || wxFileExists(Path(".1")));
     EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(m_Dom));
     EXPECT_EQ("line one\r\nline two\r\n", Content(Path()));
 }
@@ -133,7 +129,7 @@ TEST_F(StoreFaults, SecondShortageWithoutProgressFailsAndClosesTheFile) {
         EXPECT_EQ(attempt > 0, g_Descriptors.at(0) < 0);
         EXPECT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
     }
-    EXPECT_TRUE(Exists(Path(".bak")));
+    EXPECT_TRUE(wxFileExists(Path(".bak")));
 }
 
 TEST_F(StoreFaults, OtherErrorsAndAFamilyThatCannotBeListedGive6002) {
@@ -178,13 +174,13 @@ TEST(StoreDisk, FullTmpfsMakesRoomAndThenFails) {
     ASSERT_TRUE(log.InitializeLogFile());
     const std::string first(36 * 1024, 'a');
     EXPECT_TRUE(log.WriteRawData(first.size(), first.data()));
-    EXPECT_FALSE(Exists(path + ".2"));
-    EXPECT_TRUE(Exists(path + ".1"));
+    EXPECT_FALSE(wxFileExists(path + ".2"));
+    EXPECT_TRUE(wxFileExists(path + ".1"));
     EXPECT_EQ(first, Content(path));
     const std::string second(32 * 1024, 'b');
     EXPECT_FALSE(log.WriteRawData(second.size(), second.data()));
-    EXPECT_FALSE(Exists(path + ".1"));
-    EXPECT_TRUE(Exists(path));
+    EXPECT_FALSE(wxFileExists(path + ".1"));
+    EXPECT_TRUE(wxFileExists(path));
     EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(dom));
 }
 

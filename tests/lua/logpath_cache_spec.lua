@@ -95,11 +95,4 @@ describe("the record cache", function()
       assert.are.equal(due == 90, warned ~= nil)
     end
   end)
-
-  it("makes every event its own line with a cache size of 0", function()
-    config.packetFilterLog = { cacheSize = 0, cacheLifetime = 600000 }
-    write({ count = 3 })
-    write({ count = 4 })
-    assert.are.same({ "3", "4" }, logpath.column(env, 29))
-  end)
 end)
