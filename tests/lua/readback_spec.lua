@@ -39,6 +39,19 @@ describe("log:GetLogData", function()
     for name, lines in pairs(files) do writeFile(folder .. "/" .. name, lines) end
   end
 
+  -- What a fresh process with the host store at store reads back from start
+  -- on, in brackets, then the agent events it raised.
+  local function fresh(store, start)
+    return support.run([[
+      require "norv"; require "vexil"
+      local dom = SLB.norv.Dom("%s")
+      local log = SLB.vexil.LogData(dom)
+      log:SetLogFilePath("%s")
+      io.write("[" .. log:GetLogData(%d, 0, 0, 100) .. "]")
+      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
+    ]], store, folder, start)
+  end
+
   before_each(function()
     folder, dom, log = support.log_object()
     log:SetLogFilePath(folder)
@@ -120,22 +133,14 @@ describe("log:GetLogData", function()
     local store = folder .. "/host.db"
     local late = line("f", T0 - 5, 1)
     family { norv_mpnp = { line("f", T0, 2), late } }
-    local chunk = [[
-      require "norv"; require "vexil"
-      local dom = SLB.norv.Dom("%s")
-      local log = SLB.vexil.LogData(dom)
-      log:SetLogFilePath("%s")
-      io.write("[" .. log:GetLogData(%d, 0, 0, 100) .. "]")
-    ]]
     local first = SLB.norv.Dom(store)
     local reader = SLB.vexil.LogData(first)
     reader:SetLogFilePath(folder)
     assert.are.equal(delivered(line("f", T0, 2), late), reader:GetLogData(T0, 0, 0, 100))
-    assert.are.equal("[" .. delivered(line("f", T0, 2)) .. "]",
-                     support.run(string.format(chunk, store, folder, T0)))
+    assert.are.equal("[" .. delivered(line("f", T0, 2)) .. "]", fresh(store, T0))
     -- A fresh store knows no position.
     assert.are.equal("[" .. delivered(line("f", T0, 2), late) .. "]",
-                     support.run(string.format(chunk, folder .. "/other.db", folder, T0)))
+                     fresh(folder .. "/other.db", T0))
   end)
 
   it("counts every line and every piece of a long line", function()
@@ -215,14 +220,7 @@ describe("log:GetLogData", function()
     os.remove(folder .. "/norv_mpnp.1")
     os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
     assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
-                     "/norv_mpnp.1|Invalid argument", support.run([[
-      require "norv"; require "vexil"
-      local dom = SLB.norv.Dom(":memory:")
-      local log = SLB.vexil.LogData(dom)
-      log:SetLogFilePath("%s")
-      io.write("[" .. log:GetLogData(0, 0, 0, 100) .. "]")
-      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
-    ]], folder))
+                     "/norv_mpnp.1|Invalid argument", fresh(":memory:", 0))
   end)
 
   it("returns exactly what grep finds in a family of megabytes", function()
