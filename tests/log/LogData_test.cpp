@@ -92,18 +92,20 @@ TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
     EXPECT_EQ(temp.Path() + "/missing|No such file or directory", events[0].detail);
 }
 
+// A packet line with a padding column of the given length, first seen at the
+// given second.
+std::string Line(size_t padding, i64 seconds = 1700000000) {
+    const std::string time = std::to_string(seconds) + "000000";
+    return "2023/11/14, 22:13:20, f, 0, " + std::string(padding, 'x') + ", 1, " + time + ", " +
+           time + "\r\n";
+}
+
 TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther) {
     TempFolder temp;
     // Live file: a line older than the margin, two late lines, a line in the span.
-    auto line = [](i64 time, int tag) {
-        return "2023/11/14, 22:13:20, f, 0, 1, , IP, , , TCP, SYN , 192.0.2.7, 40123, "
-               "198.51.100.2, 23, 60, 1, 0, " +
-               std::to_string(tag) + ", -1, , 0, 0, 0, 0, , , , 1, " +
-               std::to_string(time * 1000000) + ", " + std::to_string(time * 1000000) + "\r\n";
-    };
     const i64 t0 = 1700000000;
     std::ofstream(temp.Path() + "/norv_mpnp")
-        << line(t0 - 5000, 0) << line(t0 - 5, 1) << line(t0 - 6, 2) << line(t0, 3);
+        << Line(0, t0 - 5000) << Line(1, t0 - 5) << Line(2, t0 - 6) << Line(3, t0);
     CDom dom(":memory:");
     LogData log(dom);
     log.SetLogFilePath(temp.Path());
@@ -115,8 +117,8 @@ TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther
     EXPECT_EQ(2u, sink.LineCount());
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
     // A hit in an old copy ends it before the live file with its new late line.
-    std::ofstream(temp.Path() + "/norv_mpnp.1") << line(t0 + 1, 4);
-    std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << line(t0 - 7, 5);
+    std::ofstream(temp.Path() + "/norv_mpnp.1") << Line(4, t0 + 1);
+    std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << Line(5, t0 - 7);
     EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
     EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
 }
@@ -125,11 +127,6 @@ TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther
 // 0x20..0x7E at any position of a line, whatever its place in a block of the
 // scan, drops that line and no other; lines of every length come back whole,
 // their last comma and line end found wherever they fall.
-// A packet line with a padding column of the given length.
-std::string Line(size_t padding) {
-    return "2023/11/14, 22:13:20, f, 0, " + std::string(padding, 'x') +
-           ", 1, 1700000000000000, 1700000000000000\r\n";
-}
 
 TEST(ReadBackScan, ABadByteAnywhereDropsOnlyItsLine) {
     TempFolder folder;
