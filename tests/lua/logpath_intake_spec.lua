@@ -71,15 +71,17 @@ describe("log:WriteLogData", function()
   end)
 end)
 
-describe("the configuration read on app.configUpdated", function()
+describe("the configuration read on app.configUpdated, and the record cache", function()
   local env, config
   before_each(function()
     env = logpath.new()
-    config = logpath.config({ cacheSize = 0, size = 5, keep = 3 })
+    config = logpath.config({ cacheSize = 2, cacheLifetime = 60000, cacheStaletime = 10000,
+                              size = 5, keep = 3 })
   end)
   after_each(function() logpath.finish(env) end)
 
   local function write(fields) return logpath.write(env, fields or {}, config) end
+  local function flush() assert.is_true(env.log:FlushBufferedData(false)) end
   local function files() return { env.log:GetLogFileSizeKB(), env.log:GetNumberOfOldCopies() } end
   local function flushAfter(msec)
     norv.AdvanceTicks(msec)
@@ -154,18 +156,6 @@ describe("the configuration read on app.configUpdated", function()
     logpath.update(env)
     assert.is_false(write())
   end)
-end)
-
-describe("the record cache", function()
-  local env, config
-  before_each(function()
-    env = logpath.new()
-    config = logpath.config({ cacheSize = 2, cacheLifetime = 60000, cacheStaletime = 10000 })
-  end)
-  after_each(function() logpath.finish(env) end)
-
-  local function write(fields) return logpath.write(env, fields, config) end
-  local function flush() assert.is_true(env.log:FlushBufferedData(false)) end
 
   it("merges equal texts into one line with the summed count and the widest span", function()
     assert.is_true(write({ time_sec = 200, time_usec = 5, end_time_sec = 210, count = 2 }))
