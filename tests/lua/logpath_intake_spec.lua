@@ -8,9 +8,24 @@ local norvi = require "norvi"
 local logpath = require "logpath"
 
 describe("log:WriteLogData", function()
-  local env
-  before_each(function() env = logpath.new() end)
+  local env, config
+  before_each(function()
+    env = logpath.new()
+    config = logpath.config({ cacheSize = 2, cacheLifetime = 60000, cacheStaletime = 10000,
+                              size = 5, keep = 3 })
+  end)
   after_each(function() logpath.finish(env) end)
+
+  -- The records of a case go through config; logpath.write alone takes the
+  -- default configuration, without a cache.
+  local function write(fields) return logpath.write(env, fields or {}, config) end
+  local function flush() assert.is_true(env.log:FlushBufferedData(false)) end
+  local function files() return { env.log:GetLogFileSizeKB(), env.log:GetNumberOfOldCopies() } end
+  local function flushAfter(msec)
+    norv.AdvanceTicks(msec)
+    env.log:FlushBufferedData(false)
+    return #logpath.lines(env)
+  end
 
   it("takes records of 192 bytes or more, and non-string data and packets as empty", function()
     local record = logpath.record({ log_flags = 0x02, data_len = 2, packet_data_len = 3 })
@@ -62,34 +77,16 @@ describe("log:WriteLogData", function()
 
   it("reports a change of the protection state once, and never logs the report", function()
     -- Each row: the reason, then the state and the heartbeat count after it.
-    for _, c in ipairs { { -5000, "1", 1 }, { -5000, "1", 1 }, { -5010, "2", 2 }, { -5000, "1", 3 } } do
+    local rows = { { -5000, "1", 1 }, { -5000, "1", 1 }, { -5010, "2", 2 }, { -5000, "1", 3 } }
+    for _, c in ipairs(rows) do
       assert.is_false(logpath.write(env, { reason = c[1] }))
       assert.are.same({ c[2], c[3] }, { env.dom:GetSetting("VmProtection"),
                                         env.dom:ConditionCount("norv.HeartbeatNow") })
     end
     assert.is_false(logpath.exists(env.path))
   end)
-end)
 
-describe("the configuration read on app.configUpdated, and the record cache", function()
-  local env, config
-  before_each(function()
-    env = logpath.new()
-    config = logpath.config({ cacheSize = 2, cacheLifetime = 60000, cacheStaletime = 10000,
-                              size = 5, keep = 3 })
-  end)
-  after_each(function() logpath.finish(env) end)
-
-  local function write(fields) return logpath.write(env, fields or {}, config) end
-  local function flush() assert.is_true(env.log:FlushBufferedData(false)) end
-  local function files() return { env.log:GetLogFileSizeKB(), env.log:GetNumberOfOldCopies() } end
-  local function flushAfter(msec)
-    norv.AdvanceTicks(msec)
-    env.log:FlushBufferedData(false)
-    return #logpath.lines(env)
-  end
-
-  it("is read by the first record and then only when the count moves", function()
+  it("reads the configuration with the first record, then only when the count moves", function()
     assert.is_true(write())
     assert.are.same({ 5, 2 }, files())
     config.packetFilterLog = { cacheSize = 0, size = 9, keep = 1 }

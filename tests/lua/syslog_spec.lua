@@ -177,8 +177,8 @@ describe("log:SyslogFormat", function()
   -- The cases of the golden messages: records in both forms and every format.
   local cases = {
     { "examples", packet(), payload() },
-    { "reason_names", packet { id = 0, reason = 0 }, payload { id = 0, reason = -500, flags = 0x50 },
-      payload { id = 0, reason = -500 } },
+    { "reason_names", packet { id = 0, reason = 0 },
+      payload { id = 0, reason = -500, flags = 0x50 }, payload { id = 0, reason = -500 } },
     -- Action 0 takes the rule's filterAction, whatever its number.
     { "actions", packet { action = 5 }, packet { action = 2 }, packet { action = 0, id = 1043 },
       packet { action = 0, id = 1044 }, packet { action = 0, id = 1045 } },
