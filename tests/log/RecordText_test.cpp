@@ -79,7 +79,9 @@ TEST_F(Render, ClipsMacAndNoteAndPrintsOddFrameTypes) {
     EXPECT_THAT(line, Not(HasSubstr("CD")));
 }
 
-TEST(RecordCopyTest, BoundsOfTheWorkingCopy) {
+// The bounds of the working copy; announced data beyond what arrived reads as
+// zeros, not as the bytes an earlier record left there.
+TEST_F(Render, WorkingCopyBoundsAndDataThatDidNotArrive) {
     static RecordCopy copy;
     const Record record;
     const std::vector<u8> data(65345, 0xEE);
@@ -93,19 +95,13 @@ TEST(RecordCopyTest, BoundsOfTheWorkingCopy) {
     huge.Set<u16>(76, 0xFFFF);
     ASSERT_TRUE(copy.Fill(&huge.entry, nullptr, 0));
     EXPECT_EQ(65344u, copy.Entry()->boundedDataLen());
-}
 
-TEST_F(Render, AnnouncedDataBeyondWhatArrivedReadsZeros) {
-    static RecordCopy copy;
-    const std::vector<u8> old(8, 0xEE);
-    const Record blank;
-    ASSERT_TRUE(copy.Fill(&blank.entry, old.data(), old.size()));
-    Record record;
-    record.Set<u16>(84, 0x02).Set<u16>(76, 6);
+    ASSERT_TRUE(copy.Fill(&record.entry, data.data(), 8));
+    Record announced;
+    announced.Set<u16>(84, 0x02).Set<u16>(76, 6);
     const u8 arrived[2] = {0xAB, 0xCD};
-    ASSERT_TRUE(copy.Fill(&record.entry, arrived, sizeof arrived));
-    const std::string line = Line(*copy.Entry());
-    EXPECT_THAT(line, EndsWith(", 8, 0, 0, ABCD00000000, "));
+    ASSERT_TRUE(copy.Fill(&announced.entry, arrived, sizeof arrived));
+    EXPECT_THAT(Line(*copy.Entry()), EndsWith(", 8, 0, 0, ABCD00000000, "));
 }
 
 // SyslogFormat called directly, on the path that the script entry cannot
