@@ -25,18 +25,13 @@ local function delivered(...)
   return table.concat(parts)
 end
 
-local function writeFile(path, lines, ending)
-  local file = assert(io.open(path, "wb"))
-  file:write(table.concat(lines, "\r\n"))
-  if #lines > 0 and ending ~= false then file:write("\r\n") end
-  file:close()
-end
-
 describe("log:GetLogData", function()
   local folder, dom, log
 
   local function family(files)
-    for name, lines in pairs(files) do writeFile(folder .. "/" .. name, lines) end
+    for name, lines in pairs(files) do
+      support.put(folder .. "/" .. name, table.concat(lines, "\r\n") .. "\r\n")
+    end
   end
 
   -- What a fresh process with the host store at store reads back from start
@@ -192,9 +187,9 @@ describe("log:GetLogData", function()
 
   it("examines a final line without a line end, binary or no UTF-8, and reads on", function()
     local final = line("f", T0, 1) .. "\1x"
-    writeFile(folder .. "/norv_mpnp.2", { line("f", T0, 2), final }, false)
+    support.put(folder .. "/norv_mpnp.2", line("f", T0, 2) .. "\r\n" .. final)
     local noUtf8 = line("f", T0 + 1, 2) .. "\255x"
-    writeFile(folder .. "/norv_mpnp.1", { noUtf8 }, false)
+    support.put(folder .. "/norv_mpnp.1", noUtf8)
     family { norv_mpnp = { line("f", T0 + 2, 3) } }
     -- The stray byte comes back as the character of the same number.
     assert.are.equal(delivered(line("f", T0, 2), final, noUtf8:gsub("\255", "\195\191"),
