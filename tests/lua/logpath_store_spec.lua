@@ -111,20 +111,20 @@ describe("the log file", function()
     assert.are.same({}, env.dom:AgentEvents())
   end)
 
-  it("deletes the live file itself and every copy when only one file is kept", function()
-    assert.is_true(write(2048, { size = 2, keep = 1 }, { [".1"] = "one", [".bak"] = "stray" }))
-    assert.are.equal(0, env.log:GetNumberOfOldCopies())
-    for _, suffix in ipairs({ "", ".1", ".2", ".bak" }) do
-      assert.is_false(logpath.exists(file(suffix)), suffix)
-    end
-  end)
-
-  it("deletes all copies beyond a lowered limit in one rotation", function()
-    local copies = {}
+  it("deletes all copies beyond a lowered limit in one rotation, and the live file too at one",
+     function()
+    local copies = { [".bak"] = "stray" }
     for n = 1, 7 do copies["." .. n] = tostring(n) end
     assert.is_true(write(1024, { size = 1, keep = 4 }, copies))
     assert.are.same({ 1024, "1", "2" }, { #content(".1"), content(".2"), content(".3") })
     for n = 4, 7 do assert.is_false(logpath.exists(file("." .. n)), n) end
+    -- With only one file kept, the live file itself goes at the limit, and
+    -- every copy, stray ones included.
+    assert.is_true(write(2048, { size = 2, keep = 1 }))
+    assert.are.equal(0, env.log:GetNumberOfOldCopies())
+    for _, suffix in ipairs({ "", ".1", ".2", ".3", ".bak" }) do
+      assert.is_false(logpath.exists(file(suffix)), suffix)
+    end
   end)
 
   it("reports a copy that cannot be renamed as event 6007 and goes on", function()
