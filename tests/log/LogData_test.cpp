@@ -1,23 +1,43 @@
-// The log object's frame: settings read at construction, file names, listing
-// the family, the read-back without a sink and its byte scan, and the script
-// entry SetNorvi seen from both sides. Opening the file is covered by the Lua
-// specs.
-#include <fstream>
-#include <string>
+// The log object seen from C++: settings read at construction, file names,
+// listing the family, the read-back without a sink and its byte scan, the
+// script entry SetNorvi seen from both sides, the store's handling of write
+// faults, and the rendering of crafted records. Opening the file, and the
+// words of single fields, are covered by the Lua specs.
+#include <arpa/inet.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <wx/filename.h>
 #include <lua.hpp>
 
+#include "driver/record/RecordBuilder.h"
 #include "host/Dom.h"
 #include "host/Trace.h"
 #include "host/slb/SLB.h"
 #include "log/LogData.h"
 #include "log/LogLineSink.h"
+#include "log/RecordCopy.h"
 #include "tests/TempFolder.h"
 
 using NorvCore::CDom;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using VEXIL::DriverLogEntry;
 using VEXIL::LogData;
+using VEXIL::RecordCopy;
 
 namespace {
 
@@ -196,6 +216,261 @@ TEST(SetNorviEntry, KeepsACopyOfTheHandleAndIgnoresAClosedBox) {
     EXPECT_EQ(nullptr, *box);
     EXPECT_EQ(handle, log->GetNorviHandle());
     lua_close(L);
+}
+
+// The store's handling of write faults: a scripted write function injects
+// partial writes, interruptions and errors; a small tmpfs gives a real full
+// disk where the test may mount one.
+// One scripted outcome of a write: an error number, or 0 for a real write
+// of at most limit bytes. With nothing scripted, writes are real.
+struct Step {
+    int error;
+    size_t limit;
+};
+std::deque<Step> g_Steps;
+std::vector<int> g_Descriptors;  // the descriptor of every call
+
+ssize_t ScriptedWrite(int fd, const void* bytes, size_t length) {
+    g_Descriptors.push_back(fd);
+    if (g_Steps.empty()) {
+        return ::write(fd, bytes, length);
+    }
+    const Step step = g_Steps.front();
+    g_Steps.pop_front();
+    if (step.error != 0) {
+        errno = step.error;
+        return -1;
+    }
+    return ::write(fd, bytes, std::min(length, step.limit));
+}
+
+std::string Content(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+std::vector<int> EventNumbers(const NorvCore::CDom& dom) {
+    std::vector<int> numbers;
+    for (const auto& event : dom.AgentEvents()) {
+        numbers.push_back(event.number);
+    }
+    return numbers;
+}
+
+class StoreFaults : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_Steps.clear();
+        g_Descriptors.clear();
+        m_Log.SetLogFilePath(m_Temp.Path());
+        m_Log.SetWriteFunction(&ScriptedWrite);
+        ASSERT_TRUE(m_Log.InitializeLogFile());
+        NorvCore::TakeOperatorLogLines();
+    }
+    std::string Path(const std::string& suffix = "") const {
+        return m_Temp.Path() + "/norv_mpnp" + suffix;
+    }
+    bool Write(const std::string& text) { return m_Log.WriteRawData(text.size(), text.data()); }
+
+    TempFolder m_Temp;
+    NorvCore::CDom m_Dom{":memory:"};
+    LogData m_Log{m_Dom};
+};
+
+TEST_F(StoreFaults, PartialWritesAndInterruptionsStillWriteEverything) {
+    EXPECT_TRUE(m_Log.WriteRawData(0, nullptr));
+    EXPECT_TRUE(g_Descriptors.empty());
+    g_Steps = {{0, 3}, {EINTR, 0}, {0, 4}, {EINTR, 0}, {EINTR, 0}};
+    EXPECT_TRUE(Write("0123456789abcdef"));
+    EXPECT_EQ("0123456789abcdef", Content(Path()));
+    EXPECT_EQ(6u, g_Descriptors.size());
+    EXPECT_TRUE(m_Dom.AgentEvents().empty());
+}
+
+TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
+    for (const char* copy : {".1", ".2", ".3"}) {
+        std::ofstream(Path(copy)) << copy;
+    }
+    g_Steps = {{ENOSPC, 0}};
+    EXPECT_TRUE(Write("line one\r\n"));
+    EXPECT_FALSE(wxFileExists(Path(".3")));
+    EXPECT_TRUE(wxFileExists(Path(".2")));
+    ASSERT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
+    EXPECT_EQ("", m_Dom.AgentEvents()[0].detail);
+    EXPECT_EQ(
+        "Warning: Out of space on the log file disk. Trying to make room by deleting old "
+        "log files.",
+        NorvCore::TakeOperatorLogLines().at(0));
+
+    // The complete write cleared the latch: a new shortage reports again.
+    // Progress between two shortages allows a second deletion.
+    g_Steps = {{ENOSPC, 0}, {0, 2}, {ENOSPC, 0}};
+    EXPECT_TRUE(Write("line two\r\n"));
+    EXPECT_FALSE(wxFileExists(Path(".2")) || wxFileExists(Path(".1")));
+    EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(m_Dom));
+    EXPECT_EQ("line one\r\nline two\r\n", Content(Path()));
+}
+
+TEST_F(StoreFaults, SecondShortageWithoutProgressFailsAndClosesTheFile) {
+    std::ofstream(Path(".bak")) << "stray";
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        g_Descriptors.clear();
+        g_Steps = {{ENOSPC, 0}, {ENOSPC, 0}};
+        EXPECT_FALSE(Write("lost\r\n"));
+        // The second attempt meets a closed file, and the latch still holds.
+        EXPECT_EQ(attempt > 0, g_Descriptors.at(0) < 0);
+        EXPECT_EQ(std::vector<int>{6009}, EventNumbers(m_Dom));
+    }
+    EXPECT_TRUE(wxFileExists(Path(".bak")));
+}
+
+TEST_F(StoreFaults, OtherErrorsAndAFamilyThatCannotBeListedGive6002) {
+    g_Steps = {{EINTR, 0}, {EIO, 0}};
+    EXPECT_FALSE(Write("lost\r\n"));
+    ASSERT_EQ(std::vector<int>{6002}, EventNumbers(m_Dom));
+    EXPECT_EQ(Path(), m_Dom.AgentEvents()[0].detail);
+
+    m_Dom.ClearAgentEvents();
+    ASSERT_TRUE(m_Log.InitializeLogFile());
+    ASSERT_TRUE(wxFileName::Rmdir(m_Temp.Path(), wxPATH_RMDIR_RECURSIVE));
+    g_Steps = {{ENOSPC, 0}};
+    EXPECT_FALSE(Write("lost\r\n"));
+    EXPECT_EQ((std::vector<int>{6009, 6005, 3300, 6002}), EventNumbers(m_Dom));
+    EXPECT_EQ("No such file or directory", m_Dom.AgentEvents()[2].detail);
+}
+
+// A tmpfs of 16 pages: two old copies of 4 pages each, then writes that need
+// the room of one, and then of more than there is.
+TEST(StoreDisk, FullTmpfsMakesRoomAndThenFails) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "mounting a small tmpfs needs root";
+    }
+    TempFolder temp;
+    const std::string disk = temp.Path() + "/disk";
+    ASSERT_EQ(0, mkdir(disk.c_str(), 0700));
+    if (mount("tmpfs", disk.c_str(), "tmpfs", 0, "size=64k") != 0) {
+        GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{disk};
+
+    const std::string path = disk + "/norv_mpnp";
+    for (const char* copy : {".1", ".2"}) {
+        std::ofstream(path + copy) << std::string(16 * 1024, 'c');
+    }
+    NorvCore::CDom dom(":memory:");
+    LogData log(dom);
+    log.SetLogFilePath(disk);
+    ASSERT_TRUE(log.InitializeLogFile());
+    const std::string first(36 * 1024, 'a');
+    EXPECT_TRUE(log.WriteRawData(first.size(), first.data()));
+    EXPECT_FALSE(wxFileExists(path + ".2"));
+    EXPECT_TRUE(wxFileExists(path + ".1"));
+    EXPECT_EQ(first, Content(path));
+    const std::string second(32 * 1024, 'b');
+    EXPECT_FALSE(log.WriteRawData(second.size(), second.data()));
+    EXPECT_FALSE(wxFileExists(path + ".1"));
+    EXPECT_TRUE(wxFileExists(path));
+    EXPECT_EQ((std::vector<int>{6009, 6009}), EventNumbers(dom));
+}
+
+// Rendering of single records: the columns of a log line on crafted records,
+// the bounds of the working copy, and SyslogFormat without a configuration.
+// A record built field by field at the wire offsets.
+struct Record {
+    DriverLogEntry entry{};
+    template <typename T>
+    Record& Set(size_t offset, T value) {
+        std::memcpy(entry.bytes + offset, &value, sizeof value);
+        return *this;
+    }
+    Record& SetBytes(size_t offset, const std::string& bytes) {
+        std::memcpy(entry.bytes + offset, bytes.data(), bytes.size());
+        return *this;
+    }
+    Record& Flags(u16 flags) { return Set<u16>(38, flags); }
+    Record& Proto(u8 protocol) { return Set<u8>(129, protocol); }
+};
+
+class Render : public ::testing::Test {
+protected:
+    std::string Line(const DriverLogEntry& record) {
+        std::string line = "stale";
+        u64 first = 0, last = 0;
+        EXPECT_TRUE(m_Log.BinaryToAscii(&record, line, first, last));
+        m_First = first;
+        m_Last = last;
+        return line;
+    }
+    NorvCore::CDom m_Dom{":memory:"};
+    LogData m_Log{m_Dom};
+    u64 m_First = 0, m_Last = 0;
+};
+
+TEST_F(Render, EmptyPacketRecordKeepsEverySeparator) {
+    Record record;
+    record.Set<u32>(0, 7).Set<u32>(4, 8).Set<u32>(88, 4000000000u).Set<u32>(92, 999999);
+    EXPECT_EQ("f, 0, 1, , , , , , , , , , , 0, 0, 0, 0, -1, , 0, 0, 0, 0, , , ",
+              Line(record.entry));
+    EXPECT_EQ(7000008u, m_First);
+    EXPECT_EQ(4000000000999999u, m_Last);
+}
+
+TEST_F(Render, ClipsMacAndNoteAndPrintsOddFrameTypes) {
+    Record record;
+    record.Flags(0x3B).Set<u32>(40, 20).SetBytes(44, "\x01\x02\x03\x04\x05\x06\x07\x08");
+    // The 17th note byte would be the first byte of data_len, 0xCD.
+    record.Set<u16>(56, 17).SetBytes(60, std::string(16, '\xAB')).Set<u8>(76, 0xCD);
+    record.Set<u16>(114, htons(0x1234)).Proto(17).SetBytes(132, std::string("\x0A\x00\x00\x01", 4));
+    const std::string line = Line(record.entry);
+    EXPECT_EQ(0u, line.find("f, 1, 0, 01 02 03 04 05 06 07 08, 0x1234, 00 00 00 00 00 00, "))
+        << line;
+    // Both IP bits: the record is IPv4.
+    EXPECT_THAT(line, HasSubstr(", UDP, , 10.0.0.1, , 0.0.0.0, , "));
+    EXPECT_THAT(line, HasSubstr(", ABABABABABABABABABABABABABABABAB, "));
+    EXPECT_THAT(line, Not(HasSubstr("CD")));
+}
+
+// The bounds of the working copy; announced data beyond what arrived reads as
+// zeros, not as the bytes an earlier record left there.
+TEST_F(Render, WorkingCopyBoundsAndDataThatDidNotArrive) {
+    static RecordCopy copy;
+    const Record record;
+    const std::vector<u8> data(65345, 0xEE);
+    EXPECT_TRUE(copy.Fill(&record.entry, data.data(), 65344));
+    EXPECT_FALSE(copy.Fill(&record.entry, data.data(), 65345));
+    EXPECT_FALSE(copy.Fill(nullptr, data.data(), 1));
+    EXPECT_FALSE(copy.Fill(&record.entry, nullptr, 1));
+    EXPECT_TRUE(copy.Fill(&record.entry, nullptr, 0));
+    // An announced length beyond the room is cut to it.
+    Record huge;
+    huge.Set<u16>(76, 0xFFFF);
+    ASSERT_TRUE(copy.Fill(&huge.entry, nullptr, 0));
+    EXPECT_EQ(65344u, copy.Entry()->boundedDataLen());
+
+    ASSERT_TRUE(copy.Fill(&record.entry, data.data(), 8));
+    Record announced;
+    announced.Set<u16>(84, 0x02).Set<u16>(76, 6);
+    const u8 arrived[2] = {0xAB, 0xCD};
+    ASSERT_TRUE(copy.Fill(&announced.entry, arrived, sizeof arrived));
+    EXPECT_THAT(Line(*copy.Entry()), EndsWith(", 8, 0, 0, ABCD00000000, "));
+}
+
+// SyslogFormat called directly, on the path that the script entry cannot
+// reach: no configuration table at all.
+TEST(SyslogFormat, NothingIsMadeWithoutConfiguration) {
+    NORVI::CRecordBuilder record;
+    record.AddFlags(NORVI::Record::kIpv4);
+    VEXIL::RecordCopy copy;
+    ASSERT_TRUE(copy.Fill(record.Bytes(), nullptr, 0));
+    NorvCore::CDom dom(":memory:");
+    VEXIL::LogData log(dom);
+    std::string result = "untouched";
+    EXPECT_FALSE(log.SyslogFormat(copy.Entry(), result));
+    EXPECT_EQ("untouched", result);
 }
 
 }  // namespace
