@@ -82,18 +82,73 @@ TEST(LogDataSettings, BadBaseFolderLeavesNamesEmpty) {
               NorvCore::TakeOperatorLogLines());
 }
 
-TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
-    TempFolder temp;
+// One scripted outcome of a write: an error number, or 0 for a real write
+// of at most limit bytes. With nothing scripted, writes are real.
+struct Step {
+    int error;
+    size_t limit;
+};
+std::deque<Step> g_Steps;
+std::vector<int> g_Descriptors;  // the descriptor of every call
+
+ssize_t ScriptedWrite(int fd, const void* bytes, size_t length) {
+    g_Descriptors.push_back(fd);
+    if (g_Steps.empty()) {
+        return ::write(fd, bytes, length);
+    }
+    const Step step = g_Steps.front();
+    g_Steps.pop_front();
+    if (step.error != 0) {
+        errno = step.error;
+        return -1;
+    }
+    return ::write(fd, bytes, std::min(length, step.limit));
+}
+
+std::string Content(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+std::vector<int> EventNumbers(const NorvCore::CDom& dom) {
+    std::vector<int> numbers;
+    for (const auto& event : dom.AgentEvents()) {
+        numbers.push_back(event.number);
+    }
+    return numbers;
+}
+
+// A log object with a folder of its own, writing through a function the
+// store tests script (partial writes, interruptions and errors).
+class InFolder : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_Steps.clear();
+        g_Descriptors.clear();
+        m_Log.SetLogFilePath(m_Temp.Path());
+        m_Log.SetWriteFunction(&ScriptedWrite);
+        ASSERT_TRUE(m_Log.InitializeLogFile());
+        NorvCore::TakeOperatorLogLines();
+    }
+    std::string Path(const std::string& suffix = "") const {
+        return m_Temp.Path() + "/norv_mpnp" + suffix;
+    }
+    bool Write(const std::string& text) { return m_Log.WriteRawData(text.size(), text.data()); }
+
+    TempFolder m_Temp;
+    NorvCore::CDom m_Dom{":memory:"};
+    LogData m_Log{m_Dom};
+};
+
+TEST_F(InFolder, FamilySortsByNumberLiveFileFirst) {
     for (const char* name : {"norv_mpnp.10", "norv_mpnp.9", "norv_mpnp", "norv_mpnp.1",
                              "norv_mpnp.bak", "norv_mpnp.-3", "other", "norv_mpnp.2"}) {
-        std::ofstream(temp.Path() + "/" + name) << "x";
+        std::ofstream(m_Temp.Path() + "/" + name) << "x";
     }
-    wxFileName::Mkdir(temp.Path() + "/norv_mpnp.dir");
-    CDom dom(":memory:");
-    LogData log(dom);
-    log.SetLogFilePath(temp.Path());
+    wxFileName::Mkdir(m_Temp.Path() + "/norv_mpnp.dir");
     wxArrayString files;
-    ASSERT_EQ(7u, log.ListLogFiles("norv_mpnp", files));
+    ASSERT_EQ(7u, m_Log.ListLogFiles("norv_mpnp", files));
     std::vector<std::string> names;
     for (const wxString& file : files) {
         names.push_back(wxFileName(file).GetFullName().ToStdString());
@@ -103,13 +158,11 @@ TEST(LogDataFamily, SortsByNumberLiveFileFirst) {
                                         "norv_mpnp.2", "norv_mpnp.9", "norv_mpnp.10"}),
               names);
 
-    log.SetLogFilePath(temp.Path() + "/missing");
-    EXPECT_EQ(size_t(-1), log.ListLogFiles("norv_mpnp", files));
+    m_Log.SetLogFilePath(m_Temp.Path() + "/missing");
+    EXPECT_EQ(size_t(-1), m_Log.ListLogFiles("norv_mpnp", files));
     EXPECT_TRUE(files.IsEmpty());
-    const auto events = dom.AgentEvents();
-    ASSERT_EQ(1u, events.size());
-    EXPECT_EQ(6005, events[0].number);
-    EXPECT_EQ(temp.Path() + "/missing|No such file or directory", events[0].detail);
+    ASSERT_EQ(std::vector<int>{6005}, EventNumbers(m_Dom));
+    EXPECT_EQ(m_Temp.Path() + "/missing|No such file or directory", m_Dom.AgentEvents()[0].detail);
 }
 
 // A packet line with a padding column of the given length, first seen at the
@@ -120,36 +173,30 @@ std::string Line(size_t padding, i64 seconds = 1700000000) {
            time + "\r\n";
 }
 
-TEST(LogDataReadBack, WithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther) {
-    TempFolder temp;
+TEST_F(InFolder, ReadBackWithoutASinkStopsAtTheFirstHitAndMovesThePositionNoFurther) {
     // Live file: a line older than the margin, two late lines, a line in the span.
     const i64 t0 = 1700000000;
-    std::ofstream(temp.Path() + "/norv_mpnp")
-        << Line(0, t0 - 5000) << Line(1, t0 - 5) << Line(2, t0 - 6) << Line(3, t0);
-    CDom dom(":memory:");
-    LogData log(dom);
-    log.SetLogFilePath(temp.Path());
-    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", nullptr));
-    EXPECT_EQ("1", dom.Get("norvp.vexil.lastline.packet"));
+    std::ofstream(Path()) << Line(0, t0 - 5000) << Line(1, t0 - 5) << Line(2, t0 - 6)
+                          << Line(3, t0);
+    EXPECT_TRUE(m_Log.GetLogData(VEXIL::kRolePacket, t0, 0, "", nullptr));
+    EXPECT_EQ("1", m_Dom.Get("norvp.vexil.lastline.packet"));
     // The lines behind the first hit are still to be delivered.
     VEXIL::LogLineSink sink(100);
-    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0, 0, "", &sink));
+    EXPECT_TRUE(m_Log.GetLogData(VEXIL::kRolePacket, t0, 0, "", &sink));
     EXPECT_EQ(2u, sink.LineCount());
-    EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
+    EXPECT_EQ("3", m_Dom.Get("norvp.vexil.lastline.packet"));
     // A hit in an old copy ends it before the live file with its new late line.
-    std::ofstream(temp.Path() + "/norv_mpnp.1") << Line(4, t0 + 1);
-    std::ofstream(temp.Path() + "/norv_mpnp", std::ios::app) << Line(5, t0 - 7);
-    EXPECT_TRUE(log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
-    EXPECT_EQ("3", dom.Get("norvp.vexil.lastline.packet"));
+    std::ofstream(Path(".1")) << Line(4, t0 + 1);
+    std::ofstream(Path(), std::ios::app) << Line(5, t0 - 7);
+    EXPECT_TRUE(m_Log.GetLogData(VEXIL::kRolePacket, t0 + 1, 0, "", nullptr));
+    EXPECT_EQ("3", m_Dom.Get("norvp.vexil.lastline.packet"));
 }
 
 // The read-back's line scan tests many bytes at a time: a byte outside
 // 0x20..0x7E at any position of a line, whatever its place in a block of the
 // scan, drops that line and no other; lines of every length come back whole,
 // their last comma and line end found wherever they fall.
-
-TEST(ReadBackScan, ABadByteAnywhereDropsOnlyItsLine) {
-    TempFolder folder;
+TEST_F(InFolder, ReadBackScanDropsOnlyTheLineOfABadByte) {
     std::string file;
     std::string expected;
     const unsigned char badBytes[] = {0x01, 0x1F, 0x7F, 0x80, 0xFF, 0x00};
@@ -171,13 +218,9 @@ TEST(ReadBackScan, ABadByteAnywhereDropsOnlyItsLine) {
     std::string last = Line(40);
     last[66] = '\x01';
     file += last.substr(0, last.size() - 2);
-    std::ofstream(folder.Path() + "/norv_mpnp", std::ios::binary) << file;
-
-    NorvCore::CDom dom(":memory:");
-    VEXIL::LogData log(dom);
-    log.SetLogFilePath(folder.Path());
+    std::ofstream(Path(), std::ios::binary) << file;
     VEXIL::LogLineSink sink(VEXIL::LogLineSink::kMaxLines);
-    ASSERT_TRUE(log.GetLogData(VEXIL::kRolePacket, 0, 0, "test", &sink));
+    ASSERT_TRUE(m_Log.GetLogData(VEXIL::kRolePacket, 0, 0, "test", &sink));
 
     EXPECT_EQ(expected, sink.JoinedText());
     EXPECT_EQ(71u, sink.LineCount());
@@ -218,67 +261,9 @@ TEST(SetNorviEntry, KeepsACopyOfTheHandleAndIgnoresAClosedBox) {
     lua_close(L);
 }
 
-// The store's handling of write faults: a scripted write function injects
-// partial writes, interruptions and errors; a small tmpfs gives a real full
-// disk where the test may mount one.
-// One scripted outcome of a write: an error number, or 0 for a real write
-// of at most limit bytes. With nothing scripted, writes are real.
-struct Step {
-    int error;
-    size_t limit;
-};
-std::deque<Step> g_Steps;
-std::vector<int> g_Descriptors;  // the descriptor of every call
-
-ssize_t ScriptedWrite(int fd, const void* bytes, size_t length) {
-    g_Descriptors.push_back(fd);
-    if (g_Steps.empty()) {
-        return ::write(fd, bytes, length);
-    }
-    const Step step = g_Steps.front();
-    g_Steps.pop_front();
-    if (step.error != 0) {
-        errno = step.error;
-        return -1;
-    }
-    return ::write(fd, bytes, std::min(length, step.limit));
-}
-
-std::string Content(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
-std::vector<int> EventNumbers(const NorvCore::CDom& dom) {
-    std::vector<int> numbers;
-    for (const auto& event : dom.AgentEvents()) {
-        numbers.push_back(event.number);
-    }
-    return numbers;
-}
-
-class StoreFaults : public ::testing::Test {
-protected:
-    void SetUp() override {
-        g_Steps.clear();
-        g_Descriptors.clear();
-        m_Log.SetLogFilePath(m_Temp.Path());
-        m_Log.SetWriteFunction(&ScriptedWrite);
-        ASSERT_TRUE(m_Log.InitializeLogFile());
-        NorvCore::TakeOperatorLogLines();
-    }
-    std::string Path(const std::string& suffix = "") const {
-        return m_Temp.Path() + "/norv_mpnp" + suffix;
-    }
-    bool Write(const std::string& text) { return m_Log.WriteRawData(text.size(), text.data()); }
-
-    TempFolder m_Temp;
-    NorvCore::CDom m_Dom{":memory:"};
-    LogData m_Log{m_Dom};
-};
-
-TEST_F(StoreFaults, PartialWritesAndInterruptionsStillWriteEverything) {
+// The store's handling of write faults; a small tmpfs gives a real full disk
+// where the test may mount one.
+TEST_F(InFolder, PartialWritesAndInterruptionsStillWriteEverything) {
     EXPECT_TRUE(m_Log.WriteRawData(0, nullptr));
     EXPECT_TRUE(g_Descriptors.empty());
     g_Steps = {{0, 3}, {EINTR, 0}, {0, 4}, {EINTR, 0}, {EINTR, 0}};
@@ -288,7 +273,7 @@ TEST_F(StoreFaults, PartialWritesAndInterruptionsStillWriteEverything) {
     EXPECT_TRUE(m_Dom.AgentEvents().empty());
 }
 
-TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
+TEST_F(InFolder, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
     for (const char* copy : {".1", ".2", ".3"}) {
         std::ofstream(Path(copy)) << copy;
     }
@@ -312,7 +297,7 @@ TEST_F(StoreFaults, OutOfSpaceDeletesTheOldestCopyOncePerProgress) {
     EXPECT_EQ("line one\r\nline two\r\n", Content(Path()));
 }
 
-TEST_F(StoreFaults, SecondShortageWithoutProgressFailsAndClosesTheFile) {
+TEST_F(InFolder, SecondShortageWithoutProgressFailsAndClosesTheFile) {
     std::ofstream(Path(".bak")) << "stray";
     for (int attempt = 0; attempt < 2; ++attempt) {
         g_Descriptors.clear();
@@ -325,7 +310,7 @@ TEST_F(StoreFaults, SecondShortageWithoutProgressFailsAndClosesTheFile) {
     EXPECT_TRUE(wxFileExists(Path(".bak")));
 }
 
-TEST_F(StoreFaults, OtherErrorsAndAFamilyThatCannotBeListedGive6002) {
+TEST_F(InFolder, OtherErrorsAndAFamilyThatCannotBeListedGive6002) {
     g_Steps = {{EINTR, 0}, {EIO, 0}};
     EXPECT_FALSE(Write("lost\r\n"));
     ASSERT_EQ(std::vector<int>{6002}, EventNumbers(m_Dom));
@@ -461,15 +446,13 @@ TEST_F(Render, WorkingCopyBoundsAndDataThatDidNotArrive) {
 
 // SyslogFormat called directly, on the path that the script entry cannot
 // reach: no configuration table at all.
-TEST(SyslogFormat, NothingIsMadeWithoutConfiguration) {
+TEST_F(Render, SyslogFormatMakesNothingWithoutConfiguration) {
     NORVI::CRecordBuilder record;
     record.AddFlags(NORVI::Record::kIpv4);
     VEXIL::RecordCopy copy;
     ASSERT_TRUE(copy.Fill(record.Bytes(), nullptr, 0));
-    NorvCore::CDom dom(":memory:");
-    VEXIL::LogData log(dom);
     std::string result = "untouched";
-    EXPECT_FALSE(log.SyslogFormat(copy.Entry(), result));
+    EXPECT_FALSE(m_Log.SyslogFormat(copy.Entry(), result));
     EXPECT_EQ("untouched", result);
 }
 
