@@ -43,41 +43,29 @@ TEST(Vocabulary, TablesTheirGapsAndTheNumbersOutside) {
         Words(PayloadReasonText, {-806, -1, 10000, 10001, -2, 0, -807, 9999, 10002}));
 }
 
-// Installs a catalogue compiled from po text for the language "de" for the
-// length of a test, and removes all translations again afterwards.
-class TranslatedVocabulary : public testing::Test {
-protected:
-    void LoadCatalogue(const std::string& entries) {
-        const std::string folder = m_Folder.Path() + "/de/LC_MESSAGES";
-        ASSERT_EQ(0, std::system(("mkdir -p '" + folder + "'").c_str()));
-        std::ofstream(folder + "/vexil_words.po")
-            << "msgid \"\"\nmsgstr \"Content-Type: text/plain; "
-               "charset=UTF-8\\n\"\n\n"
-            << entries;
-        ASSERT_EQ(0, std::system(("msgfmt -o '" + folder + "/vexil_words.mo' '" + folder +
-                                  "/vexil_words.po'")
-                                     .c_str()));
-        wxFileTranslationsLoader::AddCatalogLookupPathPrefix(m_Folder.Path());
-        wxTranslations* translations = new wxTranslations;
-        wxTranslations::Set(translations);
-        translations->SetLanguage("de");
-        ASSERT_TRUE(translations->AddCatalog("vexil_words"));
-    }
-    void TearDown() override { wxTranslations::Set(nullptr); }
-
-    TempFolder m_Folder;
-};
-
-TEST_F(TranslatedVocabulary, CatalogueTextsReplaceTheWordsEverywhere) {
-    LoadCatalogue(
-        "msgid \"Deny\"\nmsgstr \"Verweigern\"\n"
-        "msgid \"Invalid Frament Offsets\"\nmsgstr \"Ungültige "
-        "Fragmentversätze\"\n"
-        "msgid \"Reset\"\nmsgstr \"Zurücksetzen\"\n"
-        "msgid \"Detect Only: \"\nmsgstr \"Nur erkennen: \"\n"
-        "msgid \"Error: \"\nmsgstr \"Fehler: \"\n"
-        "msgid \"Runtime Error\"\nmsgstr \"Laufzeitfehler\"\n");
-    // Words the catalogue lacks, and numbers, stay as they are.
+// A catalogue compiled from po text for the language "de" replaces the words;
+// words it lacks, and numbers, stay as they are.
+TEST(Vocabulary, CatalogueTextsReplaceTheWordsEverywhere) {
+    TempFolder temp;
+    const std::string folder = temp.Path() + "/de/LC_MESSAGES";
+    const std::string catalogue = folder + "/vexil_words";
+    ASSERT_TRUE(wxFileName::Mkdir(folder, 0700, wxPATH_MKDIR_FULL));
+    std::ofstream(catalogue + ".po")
+        << "msgid \"\"\nmsgstr \"Content-Type: text/plain; charset=UTF-8\\n\"\n\n"
+           "msgid \"Deny\"\nmsgstr \"Verweigern\"\n"
+           "msgid \"Invalid Frament Offsets\"\nmsgstr \"Ungültige Fragmentversätze\"\n"
+           "msgid \"Reset\"\nmsgstr \"Zurücksetzen\"\n"
+           "msgid \"Detect Only: \"\nmsgstr \"Nur erkennen: \"\n"
+           "msgid \"Error: \"\nmsgstr \"Fehler: \"\n"
+           "msgid \"Runtime Error\"\nmsgstr \"Laufzeitfehler\"\n";
+    ASSERT_EQ(0, std::system(("msgfmt -o '" + catalogue + ".mo' '" + catalogue + ".po'").c_str()));
+    wxFileTranslationsLoader::AddCatalogLookupPathPrefix(temp.Path());
+    wxTranslations::Set(new wxTranslations);
+    struct Uninstall {
+        ~Uninstall() { wxTranslations::Set(nullptr); }
+    } uninstall;
+    wxTranslations::Get()->SetLanguage("de");
+    ASSERT_TRUE(wxTranslations::Get()->AddCatalog("vexil_words"));
     EXPECT_EQ("Verweigern|Allow", Words(PacketActionText, {2, 1}));
     EXPECT_EQ("Ungültige Fragmentversätze|0x63", Words(PacketReasonText, {109, 99}));
     EXPECT_EQ("Zurücksetzen|Nur erkennen: Zurücksetzen|Nur erkennen: 0|Block",

@@ -2,22 +2,21 @@
 -- log file goes by default, and opening it.
 local support = require "support"
 
-describe("the vexil module", function()
-  it("refuses to load where no class binder was set up", function()
-    local output = support.run('print(pcall(require, "vexil")); print(type(SLB))')
-    assert.matches("false\t.*SLB not initialized in this interpreter\nnil\n", output)
-  end)
-end)
+local norv = require "norv"
+assert.is_true(require "vexil")
 
 describe("vexil.LogData", function()
-  local norv = require "norv"
-  assert.is_true(require "vexil")
   local dom, log, folder
 
   before_each(function() folder, dom, log = support.log_object() end)
   after_each(function()
     log = nil
     support.drop_log(folder)
+  end)
+
+  it("refuses to load where no class binder was set up", function()
+    local output = support.run('print(pcall(require, "vexil")); print(type(SLB))')
+    assert.matches("false\t.*SLB not initialized in this interpreter\nnil\n", output)
   end)
 
   it("puts the log file below the base folder until told otherwise", function()

@@ -60,13 +60,6 @@ function logpath.write(env, fields, config, data, packet)
                               packet)
 end
 
--- The 31 columns of a file line, split at the separators.
-function logpath.columns(line)
-  local columns = {}
-  for column in (line .. ", "):gmatch("(.-), ") do columns[#columns + 1] = column end
-  return columns
-end
-
 -- The lines of the live file, without line ends.
 function logpath.lines(env)
   return support.lines(env.path)
@@ -75,7 +68,11 @@ end
 -- Column n (1 to 31) of each line of the live file.
 function logpath.column(env, n)
   local values = {}
-  for i, line in ipairs(logpath.lines(env)) do values[i] = logpath.columns(line)[n] end
+  for i, line in ipairs(logpath.lines(env)) do
+    local columns = {}
+    for column in (line .. ", "):gmatch("(.-), ") do columns[#columns + 1] = column end
+    values[i] = columns[n]
+  end
   return values
 end
 

@@ -25,18 +25,26 @@ local function delivered(...)
   return table.concat(parts)
 end
 
-local function writeFile(path, lines, ending)
-  local file = assert(io.open(path, "wb"))
-  file:write(table.concat(lines, "\r\n"))
-  if #lines > 0 and ending ~= false then file:write("\r\n") end
-  file:close()
-end
-
 describe("log:GetLogData", function()
   local folder, dom, log
 
   local function family(files)
-    for name, lines in pairs(files) do writeFile(folder .. "/" .. name, lines) end
+    for name, lines in pairs(files) do
+      support.put(folder .. "/" .. name, table.concat(lines, "\r\n") .. "\r\n")
+    end
+  end
+
+  -- What a fresh process with the host store at store reads back from start
+  -- on, in brackets, then the agent events it raised.
+  local function fresh(store, start)
+    return support.run([[
+      require "norv"; require "vexil"
+      local dom = SLB.norv.Dom("%s")
+      local log = SLB.vexil.LogData(dom)
+      log:SetLogFilePath("%s")
+      io.write("[" .. log:GetLogData(%d, 0, 0, 100) .. "]")
+      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
+    ]], store, folder, start)
   end
 
   before_each(function()
@@ -120,22 +128,14 @@ describe("log:GetLogData", function()
     local store = folder .. "/host.db"
     local late = line("f", T0 - 5, 1)
     family { norv_mpnp = { line("f", T0, 2), late } }
-    local chunk = [[
-      require "norv"; require "vexil"
-      local dom = SLB.norv.Dom("%s")
-      local log = SLB.vexil.LogData(dom)
-      log:SetLogFilePath("%s")
-      io.write("[" .. log:GetLogData(%d, 0, 0, 100) .. "]")
-    ]]
     local first = SLB.norv.Dom(store)
     local reader = SLB.vexil.LogData(first)
     reader:SetLogFilePath(folder)
     assert.are.equal(delivered(line("f", T0, 2), late), reader:GetLogData(T0, 0, 0, 100))
-    assert.are.equal("[" .. delivered(line("f", T0, 2)) .. "]",
-                     support.run(string.format(chunk, store, folder, T0)))
+    assert.are.equal("[" .. delivered(line("f", T0, 2)) .. "]", fresh(store, T0))
     -- A fresh store knows no position.
     assert.are.equal("[" .. delivered(line("f", T0, 2), late) .. "]",
-                     support.run(string.format(chunk, folder .. "/other.db", folder, T0)))
+                     fresh(folder .. "/other.db", T0))
   end)
 
   it("counts every line and every piece of a long line", function()
@@ -187,9 +187,9 @@ describe("log:GetLogData", function()
 
   it("examines a final line without a line end, binary or no UTF-8, and reads on", function()
     local final = line("f", T0, 1) .. "\1x"
-    writeFile(folder .. "/norv_mpnp.2", { line("f", T0, 2), final }, false)
+    support.put(folder .. "/norv_mpnp.2", line("f", T0, 2) .. "\r\n" .. final)
     local noUtf8 = line("f", T0 + 1, 2) .. "\255x"
-    writeFile(folder .. "/norv_mpnp.1", { noUtf8 }, false)
+    support.put(folder .. "/norv_mpnp.1", noUtf8)
     family { norv_mpnp = { line("f", T0 + 2, 3) } }
     -- The stray byte comes back as the character of the same number.
     assert.are.equal(delivered(line("f", T0, 2), final, noUtf8:gsub("\255", "\195\191"),
@@ -215,14 +215,7 @@ describe("log:GetLogData", function()
     os.remove(folder .. "/norv_mpnp.1")
     os.execute("mkfifo '" .. folder .. "/norv_mpnp.1'")
     assert.are.equal("[" .. delivered(line("f", T0, 1)) .. "]3001 " .. folder ..
-                     "/norv_mpnp.1|Invalid argument", support.run([[
-      require "norv"; require "vexil"
-      local dom = SLB.norv.Dom(":memory:")
-      local log = SLB.vexil.LogData(dom)
-      log:SetLogFilePath("%s")
-      io.write("[" .. log:GetLogData(0, 0, 0, 100) .. "]")
-      for _, event in ipairs(dom:AgentEvents()) do io.write(event.number, " ", event.detail) end
-    ]], folder))
+                     "/norv_mpnp.1|Invalid argument", fresh(":memory:", 0))
   end)
 
   it("returns exactly what grep finds in a family of megabytes", function()

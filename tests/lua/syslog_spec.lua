@@ -8,10 +8,10 @@ local norvi = require "norvi"
 
 
 local HEADER = "CEF:0|Norv|Agent|1.0|"
-local IDENTITY = " dvchost=host-7 deviceExternalId=7"
 
-local function config()
-  return {
+-- The configuration; name renames payload filter 4711.
+local function config(name)
+  local cfg = {
     packetFilterMap = {
       [1042] = { name = "Block telnet", filterAction = 0 },
       [1043] = { name = "Allow forced", filterAction = 3 },
@@ -29,6 +29,8 @@ local function config()
     agentConfiguration = { hostID = 7, hostname = "host-7" },
     interfaceMap = { ["0011223344550000"] = { name = "eth 0", id = 3 } },
   }
+  cfg.payloadFilterMap[4711].name = name or cfg.payloadFilterMap[4711].name
+  return cfg
 end
 
 -- Copies the tables into one, later ones winning; false removes a field.
@@ -77,6 +79,26 @@ describe("log:SyslogFormat", function()
     return log:SyslogFormat(norvi.EncodeRecord(record), data or "", cfg)
   end
 
+  -- Every record in both forms and the three formats, against the baseline
+  -- tests/golden/syslog/<name>.txt; a record may come with its data block as
+  -- { record, data }. The form and the format change from one message to the
+  -- next: the settings are read afresh for each.
+  local function golden(name, records, cfg)
+    local parts = {}
+    for _, record in ipairs(records) do
+      local data = ""
+      if record[1] then record, data = record[1], record[2] end
+      for _, cef in ipairs { false, true } do
+        for fmt = 0, 2 do
+          parts[#parts + 1] = string.format("cef=%s format=%d: %s", tostring(cef), fmt,
+                                            format(record, cef, fmt, data, cfg))
+        end
+      end
+    end
+    local text = table.concat(parts, "\n") .. "\n"
+    assert.are.equal(support.golden("syslog/" .. name .. ".txt", text), text)
+  end
+
   before_each(function()
     dom = SLB.norv.Dom(":memory:")
     dom:SetSetting("norv.syslog.hostname", "host-7")
@@ -86,67 +108,6 @@ describe("log:SyslogFormat", function()
   after_each(function()
     log = nil
     collectgarbage()
-  end)
-
-  -- The form and the format change between the messages: the settings are
-  -- read afresh for each.
-  it("reproduces the four example messages", function()
-    assert.are.equal("REASON=PKT:1042 HOSTID=7 act=Deny SRC=192.0.2.7 DST=198.51.100.2 " ..
-                     "LEN=60 DF FRAG=0 PROTO=TCP SPT=40123 DPT=23 RES=0x00 SYN CNT=1",
-                     format(packet(), false, 0))
-    assert.are.equal("REASON=PLD:Web_Attack FWD HOSTID=7 SRC=192.0.2.7 DST=198.51.100.2 " ..
-                     "LEN=400 PROTO=TCP SPT=40123 DPT=80 RES=0x00 ACK PSH CNT=1 " ..
-                     "act=IDS:Reset POS=120 SPOS=4096 NOTE=abc FLAGS=1",
-                     format(payload(), false, 0))
-    assert.are.equal(HEADER .. "21|1042|5|" .. IDENTITY .. " act=Deny src=192.0.2.7 " ..
-                     "dst=198.51.100.2 in=60 cs3=DF 0 cs3Label=Fragmentation Bits proto=TCP " ..
-                     "spt=40123 dpt=23 cs2=0x00 SYN cs2Label=TCP Flags cnt=1",
-                     format(packet(), true, 2))
-    assert.are.equal(HEADER .. "4711|Web Attack|6|" .. IDENTITY .. " src=192.0.2.7 " ..
-                     "dst=198.51.100.2 in=400 proto=TCP spt=40123 dpt=80 cs2=0x00 ACK PSH " ..
-                     "cs2Label=TCP Flags cnt=1 act=IDS:Reset cn3=120 cn3Label=DPI Packet " ..
-                     "Position cs5=4096 cs5Label=DPI Stream Position cs1=abc cs1Label=DPI Note " ..
-                     "cs6=1 cs6Label=DPI Flags",
-                     format(payload(), true, 2))
-  end)
-
-  it("names the event by the reason, or leaves the name empty", function()
-    assert.matches("^REASON= HOSTID=7 act=Deny ", format(packet { id = 0, reason = 0 }, false, 0))
-    assert.matches("^REASON=URI_Path_Depth_Exceeded REV HOSTID=7 ",
-                   format(payload { id = 0, reason = -500, flags = 0x50 }, false, 0))
-    assert.matches("^" .. HEADER .. "500|URI Path Depth Exceeded|5|",
-                   format(payload { id = 0, reason = -500 }, true, 0))
-  end)
-
-  it("derives act from the record's action or the rule's", function()
-    -- action 0 takes the rule's filterAction, whatever its number; 1 is
-    -- Deny, any other Log; format 2 escapes rather than joins the words.
-    local cases = { { 1, 1042, 0, "Deny" }, { 5, 1042, 0, "Log" }, { 2, 1042, 0, "Log" },
-                    { 0, 1043, 0, "Force_Allow" }, { 0, 1044, 0, "Log" }, { 0, 1045, 0, "77" },
-                    { 0, 1043, 2, "Force Allow" } }
-    for _, c in ipairs(cases) do
-      local message = format(packet { action = c[1], id = c[2] }, false, c[3])
-      assert.are.equal(c[4], message:match(" act=(.-) [sS][rR][cC]="), c[1] .. " " .. c[2])
-    end
-    -- The CEF signature and severity follow the same action.
-    assert.matches("|20|1044|0|", format(packet { action = 0, id = 1044 }, true, 2), 1, true)
-    assert.matches("|21|1043|5|", format(packet { action = 0, id = 1043 }, true, 2), 1, true)
-  end)
-
-  it("maps a payload filter's severity, and an empty identifier to 10", function()
-    local heads = {}
-    for _, id in ipairs { 4712, 4713, 4714, 4715, 555 } do
-      local message = format(payload { id = id }, true, 0)
-      heads[#heads + 1] = message:sub(#HEADER + 1):match("^[^|]*|[^|]*|%d+|")
-    end
-    assert.are.same({ "10|Outbound leak|3|", "S-3|Sev three|8|", "S-4|Sev four|10|",
-                      "S-7|Sev seven|9|", "10|555|9|" }, heads)
-  end)
-
-  it("writes a printable note, '~' included, as text of at most 16 bytes", function()
-    assert.matches(" NOTE=0123456789abcdef FLAGS=",
-                   format(payload { note = "0123456789abcdef", note_len = 20 }, false, 0))
-    assert.matches(" NOTE=a~b FLAGS=", format(payload { note = "a~b" }, false, 0), 1, true)
   end)
 
   it("looks up a native MAC that reaches into trailing data of 100 to 200 bytes", function()
@@ -159,93 +120,38 @@ describe("log:SyslogFormat", function()
     assert.matches(" IN=long OUT= ", format(record, false, 0, data, cfg), 1, true)
   end)
 
-  it("escapes the header fields and the extension values of CEF", function()
-    local message = format(payload { id = 4716, note = "x=y\\" }, true, 2)
-    local head = HEADER .. "id\\|\\\\=|a\\|b\\\\c=d x|6|" .. IDENTITY .. " src="
-    assert.are.equal(head, message:sub(1, #head))
-    assert.matches(" cs1=x\\=y\\\\ cs1Label=DPI Note ", message, 1, true)
-    -- The native form joins the blanks and line breaks of the name only.
-    assert.matches("^REASON=PLD:a|b\\c=d_x FWD HOSTID=7 ",
-                   format(payload { id = 4716 }, false, 0))
-  end)
-
-  it("appends the packet data as base64 with format 2 only", function()
-    local record = payload { log_flags = 0x02 + 0x08, data_len = 5 }
-    assert.matches(" cs6=9 cs6Label=DPI Flags VarnokPacketData=aGVsbG8\\=$",
-                   format(record, true, 2, "hello"))
-    assert.matches(" FLAGS=9 cs6Label=DPI Flags VarnokPacketData=aGVsbG8\\=$",
-                   format(record, false, 2, "hello"))
-    assert.matches(" FLAGS=9$", format(record, false, 1, "hello"))
-    -- Without the trailing-data flag, or with no data, there is nothing.
-    assert.matches(" cs6=1 cs6Label=DPI Flags$",
-                   format(payload { data_len = 5 }, true, 2, "hello"))
-    assert.matches(" cs6=9 cs6Label=DPI Flags$",
-                   format(payload { log_flags = 0x0A, data_len = 0 }, true, 2, ""))
-    -- A block announced but not handed in reads as zero bytes.
-    assert.matches(" VarnokPacketData=AAAA$",
-                   format(payload { log_flags = 0x0A, data_len = 3 }, true, 2, ""))
-    -- The data is not bounded by the message buffer.
-    local big = string.rep("\255", 60000)
-    local message = format(payload { log_flags = 0x0A, data_len = 60000 }, true, 2, big)
+  it("appends packet data beyond the size of the message buffer", function()
+    local message = format(payload { log_flags = 0x0A, data_len = 60000 }, true, 2,
+                           string.rep("\255", 60000))
     assert.are.equal(80000, #message:match("VarnokPacketData=(.*)$"))
   end)
 
   it("keeps hostile names from forging fields or breaking the message", function()
     local forged = "x\n<13>CEF:0|v|p|1|9|forged|10| src=6.6.6.6\r\tSRC=6.6.6.6 cnt=9\194\133y"
-    local cfg = config()
-    cfg.payloadFilterMap[4711].name = forged
+    local cfg = config(forged)
     cfg.payloadFilterMap[4711].identifier = "id\n|" .. forged
     cfg.interfaceMap["0011223344550000"].name = forged
     dom:SetSetting("norv.syslog.cef.vendor", "V\n" .. forged)
     dom:SetSetting("norv.syslog.cef.product", "P\r\127")
     dom:SetSetting("norv.syslog.cef.version", "1\t\226\128\1680")
     dom:SetSetting("norv.syslog.hostname", "h\n7\tdvchost=evil")
-    local record = payload(ETHERNET, { flags = ETHERNET.flags + 2 })
     -- Every control character (C1 and the line separators too) is a blank in
     -- the CEF header, whose bars are escaped, and '_' in the native form.
-    local cefName = "x <13>CEF:0\\|v\\|p\\|1\\|9\\|forged\\|10\\| src=6.6.6.6  SRC=6.6.6.6 cnt=9 y"
-    assert.are.equal("CEF:0|V " .. cefName .. "|P  |1  0|id \\|" .. cefName .. "|" .. cefName ..
-                     "|6| dvchost=h\\n7 dvchost\\=evil deviceExternalId=7 dmac=000102030405 " ..
-                     "smac=0a0b0c0d0e0f VarnokFrameType=IP src=192.0.2.7 dst=198.51.100.2 in=400 " ..
-                     "proto=TCP spt=40123 dpt=80 cs2=0x00 ACK PSH cs2Label=TCP Flags cnt=1 " ..
-                     "act=IDS:Reset cn3=120 cn3Label=DPI Packet Position cs5=4096 " ..
-                     "cs5Label=DPI Stream Position cs1=abc cs1Label=DPI Note cs6=1 cs6Label=DPI Flags",
-                     format(record, true, 2, "", cfg))
-    local nativeName = "x_<13>CEF:0|v|p|1|9|forged|10|_src=6.6.6.6__SRC=6.6.6.6_cnt=9_y"
-    assert.are.equal("REASON=PLD:" .. nativeName .. " FWD HOSTID=7 IN=" .. nativeName ..
-                     " OUT= MAC=000102030405:0a0b0c0d0e0f:08:00 SRC=192.0.2.7 DST=198.51.100.2 " ..
-                     "LEN=400 PROTO=TCP SPT=40123 DPT=80 RES=0x00 ACK PSH CNT=1 act=IDS:Reset " ..
-                     "POS=120 SPOS=4096 NOTE=abc FLAGS=1", format(record, false, 0, "", cfg))
-  end)
-
-  it("writes a name beyond ASCII as UTF-8 in CEF, as '_' per character in the native head",
-     function()
-    -- A name that is no UTF-8 reads as empty.
-    for _, case in ipairs { { "Größe x", "Gr__e_x", "Größe x" }, { "ab\255", "", "" } } do
-      local cfg = config()
-      cfg.payloadFilterMap[4711].name = case[1]
-      assert.matches("^REASON=PLD:" .. case[2] .. " FWD ", format(payload(), false, 0, "", cfg))
-      assert.matches(HEADER .. "4711|" .. case[3] .. "|6|", format(payload(), true, 0, "", cfg),
-                     1, true)
-    end
+    golden("hostile_names", { payload(ETHERNET, { flags = ETHERNET.flags + 2 }) }, cfg)
   end)
 
   it("cuts a message at its buffer on a character boundary", function()
     -- The buffer ends at byte 65535; k ASCII bytes in front of the name move
     -- that end over every byte of the name's multi-byte characters.
-    local cefHead = HEADER .. "4711|"
     for _, case in ipairs {
       { "\195\169", false }, { "\226\130\172", false }, { "\240\159\152\128", false },
       { "\226\130\172", true } } do
       local char, cef = case[1], case[2]
       for k = 0, #char - 1 do
-        local cfg = config()
         local name = string.rep("n", k) .. string.rep(char, math.ceil(70000 / #char))
-        local head
-        if cef then
-          cfg.payloadFilterMap[4711].name = name
-          head = cefHead
-        else
+        local cfg = config(cef and name)
+        local head = HEADER .. "4711|"
+        if not cef then
           cfg.interfaceMap["0011223344550000"].name = name
           head = "REASON=PKT:1042 HOSTID=7 act=Deny IN= OUT="
         end
@@ -260,14 +166,6 @@ describe("log:SyslogFormat", function()
     end
   end)
 
-  it("still makes the message without a configuration table", function()
-    assert.are.equal("REASON=PKT: HOSTID=0 act=Deny SRC=192.0.2.7 DST=198.51.100.2 LEN=60 " ..
-                     "DF FRAG=0 PROTO=TCP SPT=40123 DPT=23 RES=0x00 SYN CNT=1",
-                     format(packet(), false, 0, "", false))
-    assert.matches("^" .. HEADER .. "10|4711|9| dvchost=host%-7 deviceExternalId=0 ",
-                   format(payload(), true, 0, "", "not a table"))
-  end)
-
   it("gives an empty string for a record that is too short or a block too long", function()
     local record = norvi.EncodeRecord(packet())
     assert.are.equal("", log:SyslogFormat(record:sub(1, 191), "", config()))
@@ -276,8 +174,29 @@ describe("log:SyslogFormat", function()
     assert.are_not.equal("", log:SyslogFormat(record .. "extra", string.rep("x", 65344), config()))
   end)
 
-  -- Golden messages: each case in the forms and formats named.
+  -- The cases of the golden messages: records in both forms and every format.
   local cases = {
+    { "examples", packet(), payload() },
+    { "reason_names", packet { id = 0, reason = 0 },
+      payload { id = 0, reason = -500, flags = 0x50 }, payload { id = 0, reason = -500 } },
+    -- Action 0 takes the rule's filterAction, whatever its number.
+    { "actions", packet { action = 5 }, packet { action = 2 }, packet { action = 0, id = 1043 },
+      packet { action = 0, id = 1044 }, packet { action = 0, id = 1045 } },
+    -- An empty identifier gives 10.
+    { "severities", payload { id = 4712 }, payload { id = 4713 }, payload { id = 4714 },
+      payload { id = 4715 }, payload { id = 555 } },
+    -- Printable notes, '~' included, are text of at most 16 bytes.
+    { "notes", payload { note = "0123456789abcdef", note_len = 20 }, payload { note = "a~b" } },
+    { "escaped_names", payload { id = 4716, note = "x=y\\" } },
+    -- Data goes as base64 with format 2 and the trailing-data flag only; a
+    -- block announced but not handed in reads as zero bytes.
+    { "packet_data", { payload { log_flags = 0x02 + 0x08, data_len = 5 }, "hello" },
+      { payload { data_len = 5 }, "hello" }, payload { log_flags = 0x0A, data_len = 0 },
+      payload { log_flags = 0x0A, data_len = 3 } },
+    { "name_beyond_ascii", payload(), cfg = config("Größe x") },
+    { "name_no_utf8", payload(), cfg = config("ab\255") },
+    { "no_configuration", packet(), cfg = false },
+    { "configuration_not_a_table", payload(), cfg = "not a table" },
     { "ipv6_tcp", ipv6() },
     { "ipv6_payload", ipv6 { reason = -504, id = 4711, action = 2, log_flags = 0x01 } },
     { "icmp_echo", packet { iph_proto = 1, icmph_type = 8, icmph_code = 0, iph_frag_off = 0,
@@ -298,15 +217,7 @@ describe("log:SyslogFormat", function()
 
   for _, case in ipairs(cases) do
     it("renders the golden messages of " .. case[1], function()
-      local parts = {}
-      for _, cef in ipairs { false, true } do
-        for fmt = 0, 2 do
-          parts[#parts + 1] = string.format("cef=%s format=%d: %s", tostring(cef), fmt,
-                                            format(case[2], cef, fmt))
-        end
-      end
-      local text = table.concat(parts, "\n") .. "\n"
-      assert.are.equal(support.golden("syslog/" .. case[1] .. ".txt", text), text)
+      golden(case[1], { table.unpack(case, 2) }, case.cfg)
     end)
   end
 end)
