@@ -1,5 +1,5 @@
-// Captures for the replay tests: the bundled sample, a replay to the end,
-// pcap files written from frames, and hex text.
+// Captures for the replay tests: the bundled sample (replayed to the end or
+// read as frames), pcap files written from frames, and hex text.
 #pragma once
 
 #include <pcap/pcap.h>
@@ -74,20 +74,16 @@ inline void WriteCapture(const std::string& path, int linkType, const Frames& fr
     pcap_close(dead);
 }
 
-inline Frames ReadFrames(const std::string& path = kSample) {
-    Frames frames;
+inline void ReadFrames(Frames& frames) {
     char reason[PCAP_ERRBUF_SIZE];
-    pcap_t* const pcap = pcap_open_offline(path.c_str(), reason);
-    EXPECT_NE(nullptr, pcap) << reason;
+    pcap_t* const pcap = pcap_open_offline(kSample.c_str(), reason);
+    ASSERT_NE(nullptr, pcap) << reason;
     pcap_pkthdr* header;
     const u_char* bytes;
-    while (pcap != nullptr && pcap_next_ex(pcap, &header, &bytes) == 1) {
+    while (pcap_next_ex(pcap, &header, &bytes) == 1) {
         frames.push_back({{bytes, bytes + header->caplen}, header->ts});
     }
-    if (pcap != nullptr) {
-        pcap_close(pcap);
-    }
-    return frames;
+    pcap_close(pcap);
 }
 
 inline std::string Hex(const uint8_t* bytes, size_t count) {

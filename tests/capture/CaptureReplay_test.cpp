@@ -18,11 +18,7 @@
 
 namespace {
 
-using capturetest::Frames;
-using capturetest::Replay;
-using capturetest::ReplayCapture;
-using capturetest::SampleOptions;
-using capturetest::WriteCapture;
+using namespace capturetest;
 using NORVI::SourceRecord;
 using VEXIL::DriverLogEntry;
 
@@ -40,25 +36,20 @@ std::string Address(const DriverLogEntry& entry, bool source) {
     return text;
 }
 
-class SampleReplay : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { s_Replay = new Replay(ReplayCapture(SampleOptions())); }
-    static void TearDownTestSuite() { delete s_Replay; }
-    static Replay* s_Replay;
-};
-
-Replay* SampleReplay::s_Replay = nullptr;
-
-TEST_F(SampleReplay, EveryRecordIsThePacketAsTheLiveReceiverGivesIt) {
-    const Replay& replay = *s_Replay;
+// Each record is the packet as the live receiver gives it, with the ruleset's
+// verdict for the probes, the scan, the benign traffic and IPv6.
+TEST(CaptureReplay, TheSamplesRecordsAreItsPacketsWithTheRulesetsVerdicts) {
+    const Replay replay = ReplayCapture(SampleOptions());
     ASSERT_TRUE(replay.m_Ended) << replay.m_Error;
-    ASSERT_FALSE(replay.m_Records.empty());
     EXPECT_EQ(replay.m_Records.size(), replay.m_Counters.m_Records);
     EXPECT_EQ(0u, replay.m_Counters.m_Dropped);
     uint64_t previous = 0;
+    std::map<uint32_t, int> byRule;
+    std::vector<std::string> benign, ipv6;
     for (const SourceRecord& record : replay.m_Records) {
         const DriverLogEntry& entry = Entry(record);
-        SCOPED_TRACE(Address(entry, true) + " id " + std::to_string(entry.id()));
+        const std::string source = Address(entry, true);
+        SCOPED_TRACE(source + " id " + std::to_string(entry.id()));
         const NORVI::RuleVerdict* const verdict = NORVI::FindRuleVerdict(entry.id());
         ASSERT_NE(nullptr, verdict);
         EXPECT_EQ(verdict->m_Action, entry.action());
@@ -86,14 +77,6 @@ TEST_F(SampleReplay, EveryRecordIsThePacketAsTheLiveReceiverGivesIt) {
                             std::min<size_t>(record.m_Data.size() - ipLength, 20)));
         const std::string destination = Address(entry, false);
         EXPECT_TRUE(destination == "10.77.0.1" || destination == "fd77::1") << destination;
-    }
-}
-
-TEST_F(SampleReplay, ProbesScanBenignTrafficAndIpv6GetTheRulesetsVerdicts) {
-    std::map<uint32_t, int> byRule;
-    std::vector<std::string> benign, ipv6;
-    for (const SourceRecord& record : s_Replay->m_Records) {
-        const DriverLogEntry& entry = Entry(record);
         ++byRule[entry.id()];
         // ICMP by its type: only echo requests are new; errors and replies
         // of the host's own traffic are related or established.
@@ -101,7 +84,6 @@ TEST_F(SampleReplay, ProbesScanBenignTrafficAndIpv6GetTheRulesetsVerdicts) {
         const int port = icmp ? record.m_Data[entry.isIpv4() ? 20 : 40] : entry.th_dport();
         const std::string what = std::to_string(entry.protocol()) + ":" + std::to_string(port) +
                                  ":" + std::to_string(entry.id());
-        const std::string source = Address(entry, true);
         if (source == "10.77.0.3" || source == "fd77::3") {
             benign.push_back(what);
         } else {
@@ -132,8 +114,9 @@ TEST_F(SampleReplay, ProbesScanBenignTrafficAndIpv6GetTheRulesetsVerdicts) {
 // The sample's IP frames under another link header: Linux cooked (v1, v2) or
 // raw IP.
 Frames Rewrapped(int linkType) {
-    Frames frames;
-    for (capturetest::Frame frame : capturetest::ReadFrames()) {
+    Frames sample, frames;
+    ReadFrames(sample);
+    for (Frame frame : sample) {
         const std::vector<uint8_t> bytes = frame.m_Bytes;
         if (bytes.size() < 14 || !((bytes[12] == 0x08 && bytes[13] == 0x00) ||
                                    (bytes[12] == 0x86 && bytes[13] == 0xDD))) {
@@ -157,7 +140,8 @@ Frames Rewrapped(int linkType) {
     return frames;
 }
 
-TEST_F(SampleReplay, LinuxCookedAndRawIpCapturesGiveTheSameRecordsWithoutEthernetFields) {
+TEST(CaptureReplay, LinuxCookedAndRawIpCapturesGiveTheSameRecordsWithoutEthernetFields) {
+    const Replay sample = ReplayCapture(SampleOptions());
     TempFolder folder;
     for (int linkType : {DLT_LINUX_SLL, DLT_LINUX_SLL2, DLT_RAW}) {
         SCOPED_TRACE(linkType);
@@ -165,9 +149,9 @@ TEST_F(SampleReplay, LinuxCookedAndRawIpCapturesGiveTheSameRecordsWithoutEtherne
         WriteCapture(path, linkType, Rewrapped(linkType));
         const Replay replay = ReplayCapture(SampleOptions(path));
         ASSERT_TRUE(replay.m_Ended) << replay.m_Error;
-        ASSERT_EQ(s_Replay->m_Records.size(), replay.m_Records.size());
+        ASSERT_EQ(sample.m_Records.size(), replay.m_Records.size());
         for (size_t index = 0; index < replay.m_Records.size(); ++index) {
-            SourceRecord expected = s_Replay->m_Records[index];
+            SourceRecord expected = sample.m_Records[index];
             expected.m_Record[38] &= ~DriverLogEntry::kEthernetValid;
             memset(expected.m_Record + 102, 0, 14);
             ASSERT_EQ(0, memcmp(expected.m_Record, replay.m_Records[index].m_Record, 192)) << index;
@@ -186,7 +170,7 @@ std::vector<uint8_t> Ipv4Tcp(size_t tcpBytes = 20, uint8_t headerWords = 5) {
     return packet;
 }
 
-TEST(CaptureReplay, BadInputIsACountedDropOrAClearError) {
+TEST(CaptureReplay, BadInputIsACountedDropAndOptionsThatCannotWorkAClearError) {
     TempFolder folder;
     const std::string crafted = folder.Path() + "/crafted.pcap";
     std::vector<uint8_t> cutIpv4 = Ipv4Tcp();
@@ -208,57 +192,49 @@ TEST(CaptureReplay, BadInputIsACountedDropOrAClearError) {
     WriteCapture(shortEthernet, DLT_EN10MB, {{{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}}});
     const std::string notEthernet = folder.Path() + "/ppp.pcap";
     WriteCapture(notEthernet, DLT_PPP, {{Ipv4Tcp()}});
+    NORVI::SourceOptions badHost = SampleOptions(), noHost = SampleOptions(),
+                         badService = SampleOptions(), badSslHost = SampleOptions();
+    badHost.m_HostAddresses = {"10.77.0.300"};
+    noHost.m_HostAddresses.clear();
+    badService.m_Services = "tcp:80,sctp:9";
+    badSslHost.m_SslHosts = {{"server", 7}};
 
     struct Case {
         const char* m_Name;
-        std::string m_Path;
+        NORVI::SourceOptions m_Options;
         size_t m_Records;
         uint64_t m_Dropped;
         const char* m_Error;  // in the error of opening or reading; null: none
     };
     const Case cases[] = {
-        {"six malformed packets and a SYN", crafted, 1, 6, nullptr},
-        {"an Ethernet frame shorter than its header", shortEthernet, 0, 1, nullptr},
+        {"six malformed packets and a SYN", SampleOptions(crafted), 1, 6, nullptr},
+        {"an Ethernet frame shorter than its header", SampleOptions(shortEthernet), 0, 1, nullptr},
         // The first 40 frames of the sample as classic pcap: the benign HTTP,
         // DNS and TLS openings; then the same cut to 30 bytes a frame (38 IP
         // packets, 2 ARP).
-        {"the first frames as classic pcap", kData + "first-packets.pcap", 3, 0, nullptr},
-        {"packets cut to 30 bytes", kData + "snapped.pcap", 0, 38, nullptr},
+        {"the first frames as classic pcap", SampleOptions(kData + "first-packets.pcap"), 3, 0,
+         nullptr},
+        {"packets cut to 30 bytes", SampleOptions(kData + "snapped.pcap"), 0, 38, nullptr},
         // The sample's first 3000 bytes: the first packets of HTTP and DNS.
-        {"a capture cut off inside a block", kData + "cut-short.pcapng", 2, 0,
+        {"a capture cut off inside a block", SampleOptions(kData + "cut-short.pcapng"), 2, 0,
          "damaged capture file"},
-        {"no capture at all", kData + "not-a-capture.pcap", 0, 0, "cannot be read"},
-        {"no such file", folder.Path() + "/missing.pcap", 0, 0, "cannot be read"},
-        {"a link type without IP framing known here", notEthernet, 0, 0, "link type 9"},
+        {"no capture at all", SampleOptions(kData + "not-a-capture.pcap"), 0, 0, "cannot be read"},
+        {"no such file", SampleOptions(folder.Path() + "/missing.pcap"), 0, 0, "cannot be read"},
+        {"a link type without IP framing known here", SampleOptions(notEthernet), 0, 0,
+         "link type 9"},
+        {"a bad host address", badHost, 0, 0, "host address \"10.77.0.300\""},
+        {"no host address", noHost, 0, 0, "no host address"},
+        {"a bad service", badService, 0, 0, "bad service \"sctp:9\""},
+        {"a bad SSL host", badSslHost, 0, 0, "SSL host address \"server\""},
     };
     for (const Case& test : cases) {
         SCOPED_TRACE(test.m_Name);
-        const Replay replay = ReplayCapture(SampleOptions(test.m_Path));
+        const Replay replay = ReplayCapture(test.m_Options);
         EXPECT_EQ(test.m_Records, replay.m_Records.size());
         EXPECT_EQ(test.m_Dropped, replay.m_Counters.m_Dropped);
         EXPECT_EQ(test.m_Error == nullptr, replay.m_Ended) << replay.m_Error;
         EXPECT_NE(std::string::npos, replay.m_Error.find(test.m_Error ? test.m_Error : ""))
             << replay.m_Error;
-    }
-}
-
-TEST(CaptureReplay, OptionsThatCannotWorkAreRefusedWithTheReason) {
-    const std::vector<std::pair<void (*)(NORVI::SourceOptions&), std::string>> cases = {
-        {[](NORVI::SourceOptions& o) { o.m_HostAddresses = {"10.77.0.300"}; },
-         "host address \"10.77.0.300\""},
-        {[](NORVI::SourceOptions& o) { o.m_HostAddresses.clear(); }, "no host address"},
-        {[](NORVI::SourceOptions& o) { o.m_Services = "tcp:80,sctp:9"; }, "bad service \"sctp:9\""},
-        {[](NORVI::SourceOptions& o) {
-             o.m_SslHosts = {{"server", 7}};
-         },
-         "SSL host address \"server\""},
-    };
-    for (const auto& test : cases) {
-        NORVI::SourceOptions options = SampleOptions();
-        test.first(options);
-        std::string error;
-        EXPECT_EQ(nullptr, NORVI::CreateCaptureSource(options, error));
-        EXPECT_NE(std::string::npos, error.find(test.second)) << error;
     }
 }
 

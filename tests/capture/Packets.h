@@ -1,5 +1,5 @@
-// Raw IPv4 and IPv6 packets for the tests of the record sources: addresses
-// are text, the version follows from them.
+// Raw IPv4 and IPv6 packets for the tests of the record sources (addresses
+// are text, the version follows from them), and the fields of their records.
 #pragma once
 
 #include <arpa/inet.h>
@@ -60,6 +60,14 @@ inline Bytes Icmp(const char* source, const char* destination, uint8_t type,
     Bytes icmp = {type, 0, 0, 0, 0, 7, 0, 1};
     icmp.insert(icmp.end(), quoted.begin(), quoted.end());
     return Ip(source, destination, strchr(source, ':') ? 58 : 1, icmp);
+}
+
+// The field of type Value at offset of a record (a SourceRecord).
+template <typename Value, typename Record>
+Value Field(const Record& record, size_t offset) {
+    Value value;
+    memcpy(&value, record.m_Record + offset, sizeof value);
+    return value;
 }
 
 }  // namespace packettest

@@ -13,10 +13,7 @@ namespace {
 
 using NORVI::CPacketView;
 using NORVI::CRulesetModel;
-using packettest::Icmp;
-using packettest::Ip;
-using packettest::Tcp;
-using packettest::Udp;
+using namespace packettest;
 
 constexpr uint8_t FIN = 0x01, SYN = 0x02, RST = 0x04, PSH = 0x08, ACK = 0x10, URG = 0x20;
 const char* const kHost = "10.0.0.1";
@@ -46,34 +43,30 @@ void Expect(const char* name, const std::vector<Step>& steps) {
     }
 }
 
-TEST(RulesetModel, FlagRulesComeFirstInTheirOrder) {
-    Expect("flags", {{Tcp(kPeer, kHost, 1000, 22, 0), NORVI::kRuleTcpNull},
-                     {Tcp(kPeer, kHost, 1000, 22, FIN | PSH | URG | SYN), NORVI::kRuleTcpXmas},
-                     {Tcp(kPeer, kHost, 1000, 22, SYN | FIN), NORVI::kRuleTcpSynFin},
-                     {Tcp(kPeer, kHost, 1000, 22, SYN | RST), NORVI::kRuleTcpSynRst},
-                     {Tcp(kPeer, kHost, 1000, 22, FIN), NORVI::kRuleTcpFinNoAck},
-                     {Tcp(kPeer, kHost, 1000, 22, PSH), NORVI::kRuleTcpPshNoAck},
-                     {Tcp(kPeer, kHost, 1000, 22, URG), NORVI::kRuleTcpUrgNoAck},
-                     // Even inside an established connection.
-                     {Tcp(kPeer, kHost, 1001, 22, SYN), NORVI::kRuleServiceAllowed},
-                     {Tcp(kHost, kPeer, 22, 1001, SYN | ACK), 0},
-                     {Tcp(kPeer, kHost, 1001, 22, PSH), NORVI::kRuleTcpPshNoAck},
-                     {Tcp(kPeer, kHost, 1001, 22, PSH | ACK), 0}});
-}
-
-TEST(RulesetModel, StrayTcpIsInvalidOrNewNotSynAsConnectionTrackingSeesIt) {
-    Expect("stray", {{Tcp(kPeer, kHost, 1000, 22, SYN | ACK), NORVI::kRuleConntrackInvalid},
-                     {Tcp(kPeer, kHost, 1000, 22, RST), NORVI::kRuleConntrackInvalid},
-                     {Tcp(kPeer, kHost, 1000, 22, FIN | ACK), NORVI::kRuleConntrackInvalid},
-                     {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},
-                     {Tcp(kPeer, kHost, 1000, 22, PSH | ACK), NORVI::kRuleTcpNewNotSyn},
-                     {Tcp(kPeer, kHost, 1000, 23, SYN), NORVI::kRuleDenyTcp},
-                     // A denied SYN opens nothing.
-                     {Tcp(kPeer, kHost, 1000, 23, ACK), NORVI::kRuleTcpNewNotSyn}});
-}
-
-TEST(RulesetModel, ConnectionsAreNewUntilTheFirstReplyAndEndOnRstOrFin) {
-    Expect("lifecycle",
+TEST(RulesetModel, VerdictsOfShortExchanges) {
+    Expect("flag rules come first in their order",
+           {{Tcp(kPeer, kHost, 1000, 22, 0), NORVI::kRuleTcpNull},
+            {Tcp(kPeer, kHost, 1000, 22, FIN | PSH | URG | SYN), NORVI::kRuleTcpXmas},
+            {Tcp(kPeer, kHost, 1000, 22, SYN | FIN), NORVI::kRuleTcpSynFin},
+            {Tcp(kPeer, kHost, 1000, 22, SYN | RST), NORVI::kRuleTcpSynRst},
+            {Tcp(kPeer, kHost, 1000, 22, FIN), NORVI::kRuleTcpFinNoAck},
+            {Tcp(kPeer, kHost, 1000, 22, PSH), NORVI::kRuleTcpPshNoAck},
+            {Tcp(kPeer, kHost, 1000, 22, URG), NORVI::kRuleTcpUrgNoAck},
+            // Even inside an established connection.
+            {Tcp(kPeer, kHost, 1001, 22, SYN), NORVI::kRuleServiceAllowed},
+            {Tcp(kHost, kPeer, 22, 1001, SYN | ACK), 0},
+            {Tcp(kPeer, kHost, 1001, 22, PSH), NORVI::kRuleTcpPshNoAck},
+            {Tcp(kPeer, kHost, 1001, 22, PSH | ACK), 0}});
+    Expect("stray TCP is invalid or new but not SYN, as connection tracking sees it",
+           {{Tcp(kPeer, kHost, 1000, 22, SYN | ACK), NORVI::kRuleConntrackInvalid},
+            {Tcp(kPeer, kHost, 1000, 22, RST), NORVI::kRuleConntrackInvalid},
+            {Tcp(kPeer, kHost, 1000, 22, FIN | ACK), NORVI::kRuleConntrackInvalid},
+            {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},
+            {Tcp(kPeer, kHost, 1000, 22, PSH | ACK), NORVI::kRuleTcpNewNotSyn},
+            {Tcp(kPeer, kHost, 1000, 23, SYN), NORVI::kRuleDenyTcp},
+            // A denied SYN opens nothing.
+            {Tcp(kPeer, kHost, 1000, 23, ACK), NORVI::kRuleTcpNewNotSyn}});
+    Expect("connections are new until the first reply and end on RST or FIN",
            {{Tcp(kPeer, kHost, 1000, 22, SYN), NORVI::kRuleServiceAllowed},
             {Tcp(kPeer, kHost, 1000, 22, SYN), NORVI::kRuleServiceAllowed},  // no reply yet
             {Tcp(kPeer, kHost, 1000, 22, ACK), NORVI::kRuleTcpNewNotSyn},
@@ -91,11 +84,8 @@ TEST(RulesetModel, ConnectionsAreNewUntilTheFirstReplyAndEndOnRstOrFin) {
             {Tcp(kHost, kPeer, 3000, 80, SYN), 0},
             {Tcp(kPeer, kHost, 80, 3000, SYN | ACK), 0},
             {Tcp(kPeer, kHost, 80, 3000, PSH | ACK), 0}});
-}
-
-TEST(RulesetModel, UdpIcmpOtherProtocolsAndIdleEntries) {
     const std::vector<uint8_t> query = Udp(kHost, kPeer, 5000, 53);
-    Expect("udp and icmp",
+    Expect("UDP, ICMP, other protocols and idle entries",
            {{Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed},
             {Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed},
             {Udp(kHost, kPeer, 53, 4000), 0},
@@ -114,17 +104,15 @@ TEST(RulesetModel, UdpIcmpOtherProtocolsAndIdleEntries) {
             {Udp(kPeer, kHost, 4000, 53), NORVI::kRuleServiceAllowed, 400},
             // Not the host's: neither to nor from it.
             {Tcp(kPeer, "10.0.0.3", 1000, 22, 0), 0}});
-}
-
-TEST(RulesetModel, Ipv6FollowsTheSameRulesAndLetsNeighbourDiscoveryPass) {
-    Expect("ipv6", {{Icmp("fd00::2", "fd00::1", 135), 0},
-                    {Icmp("fd00::2", "fd00::1", 128), NORVI::kRuleDenyIcmp},
-                    {Icmp("fd00::2", "fd00::1", 130), NORVI::kRuleConntrackInvalid},
-                    {Tcp("fd00::2", "fd00::1", 1000, 22, SYN), NORVI::kRuleServiceAllowed},
-                    {Tcp("fd00::1", "fd00::2", 22, 1000, SYN | ACK), 0},
-                    {Tcp("fd00::2", "fd00::1", 1000, 22, ACK), 0},
-                    {Tcp("fd00::2", "fd00::1", 1000, 23, FIN | PSH | URG), NORVI::kRuleTcpXmas},
-                    {Udp("fd00::2", "fd00::1", 1000, 54), NORVI::kRuleDenyUdp}});
+    Expect("IPv6 follows the same rules and lets neighbour discovery pass",
+           {{Icmp("fd00::2", "fd00::1", 135), 0},
+            {Icmp("fd00::2", "fd00::1", 128), NORVI::kRuleDenyIcmp},
+            {Icmp("fd00::2", "fd00::1", 130), NORVI::kRuleConntrackInvalid},
+            {Tcp("fd00::2", "fd00::1", 1000, 22, SYN), NORVI::kRuleServiceAllowed},
+            {Tcp("fd00::1", "fd00::2", 22, 1000, SYN | ACK), 0},
+            {Tcp("fd00::2", "fd00::1", 1000, 22, ACK), 0},
+            {Tcp("fd00::2", "fd00::1", 1000, 23, FIN | PSH | URG), NORVI::kRuleTcpXmas},
+            {Udp("fd00::2", "fd00::1", 1000, 54), NORVI::kRuleDenyUdp}});
 }
 
 }  // namespace

@@ -1,13 +1,10 @@
-// RSA key exchanges of the sample capture's TLS 1.2 session become SSL
-// requests on the request socket (served here by a thread that decrypts with
-// the sample's throwaway key) and key log lines (that tshark decrypts the
-// session with the line is shown end to end in agent_replay_spec). An SSL 3.0
-// session made here is also replayed cut into small, reordered and repeated
-// segments, and behind a SYN flood.
+// RSA key exchanges in captures become SSL requests on the request socket
+// (served here with the sample's throwaway key) and key log lines (which
+// tshark decrypts with, in agent_replay_spec): the sample's TLS 1.2 session,
+// and an SSL 3.0 session cut small, reordered, repeated or behind a SYN flood.
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -22,27 +19,18 @@
 
 namespace {
 
-using capturetest::Frames;
-using capturetest::Hex;
-using capturetest::kExamples;
-using capturetest::kSample;
+using namespace capturetest;
 using Bytes = std::vector<uint8_t>;
-
-EVP_PKEY* SampleKey() {
-    FILE* const file = fopen((kExamples + "server-key.pem").c_str(), "r");
-    EVP_PKEY* const key = file ? PEM_read_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
-    if (file != nullptr) {
-        fclose(file);
-    }
-    return key;
-}
 
 // The key service's part, at a socket in its own folder: takes requests and
 // answers each with the secret decrypted by the sample's key; configuration
 // 99 fails.
 class KeyService {
 public:
-    KeyService() : m_Socket(m_Folder.Path() + "/ssl.sock"), m_Key(SampleKey()) {
+    KeyService() : m_Socket(m_Folder.Path() + "/ssl.sock") {
+        BIO* const file = BIO_new_file((kExamples + "server-key.pem").c_str(), "r");
+        m_Key = file ? PEM_read_bio_PrivateKey(file, nullptr, nullptr, nullptr) : nullptr;
+        BIO_free(file);
         std::string error;
         m_Server = NORVI::CSslSocketServer::Listen(m_Socket, error);
         EXPECT_NE(nullptr, m_Server) << error;
@@ -68,6 +56,21 @@ public:
         return capturetest::ReplayCapture(options);
     }
 
+    // The bytes encrypted or decrypted with the sample's key; none when that fails.
+    Bytes Crypt(bool encrypt, const uint8_t* bytes, size_t count) {
+        EVP_PKEY_CTX* const context = EVP_PKEY_CTX_new(m_Key, nullptr);
+        Bytes out(512);
+        size_t length = out.size();
+        const bool ok = encrypt
+                            ? EVP_PKEY_encrypt_init(context) == 1 &&
+                                  EVP_PKEY_encrypt(context, out.data(), &length, bytes, count) == 1
+                            : EVP_PKEY_decrypt_init(context) == 1 &&
+                                  EVP_PKEY_decrypt(context, out.data(), &length, bytes, count) == 1;
+        EVP_PKEY_CTX_free(context);
+        out.resize(ok ? length : 0);
+        return out;
+    }
+
     TempFolder m_Folder;
     const std::string m_Socket;
     // The headers and data of the requests served, in order.
@@ -81,20 +84,17 @@ private:
         while (m_Server->Take(header, data, -1) == NORVI::CSslSocketServer::TakeResult::Request) {
             m_Headers.emplace_back(header, header + 80);
             m_Data.push_back(data);
-            uint8_t response[72 + 512] = {};
-            memcpy(response + 8, header + 8, 56);
-            size_t length = sizeof response - 64;
-            EVP_PKEY_CTX* const context = EVP_PKEY_CTX_new(m_Key, nullptr);
             const size_t prefix = header[69] != 0 ? 2 : 0;  // TLS's length prefix
-            const bool ok = header[4] != 99 && data.size() > 2 &&
-                            EVP_PKEY_decrypt_init(context) == 1 &&
-                            EVP_PKEY_decrypt(context, response + 64, &length, data.data() + prefix,
-                                             data.size() - prefix) == 1;
-            EVP_PKEY_CTX_free(context);
-            length = ok ? length : 0;
-            memcpy(response, &length, 4);
+            const Bytes secret = header[4] != 99 && data.size() > 2
+                                     ? Crypt(false, data.data() + prefix, data.size() - prefix)
+                                     : Bytes();
+            Bytes response(72 + secret.size());
+            const uint32_t length = uint32_t(secret.size());
+            memcpy(response.data(), &length, 4);
+            memcpy(response.data() + 8, header + 8, 56);
+            std::copy(secret.begin(), secret.end(), response.begin() + 64);
             std::string error;
-            m_Server->Respond(response, 72 + length, error);
+            m_Server->Respond(response.data(), response.size(), error);
         }
     }
 
@@ -107,7 +107,6 @@ TEST(TlsKeyExchange, TheSessionsRsaExchangeBecomesARequestAndAKeyLogLine) {
     KeyService service;
     const capturetest::Replay replay = service.Replay(kSample, {{"10.77.0.1", 7}});
     EXPECT_EQ(0u, replay.m_KeyLogFailed);
-    ASSERT_EQ(1u, replay.m_KeyLog.size());
     ASSERT_EQ(1u, service.m_Headers.size());
     const Bytes& header = service.m_Headers[0];
     const Bytes& data = service.m_Data[0];
@@ -117,10 +116,10 @@ TEST(TlsKeyExchange, TheSessionsRsaExchangeBecomesARequestAndAKeyLogLine) {
     EXPECT_EQ((Bytes{2, 1, 0, 0, 7, 0, 0, 0}), Bytes(header.begin(), header.begin() + 8));
     EXPECT_EQ((Bytes{1, 0, 0, 0, 3, 3}), Bytes(header.begin() + 64, header.begin() + 70));
     // "RSA", 8 bytes of cipher text, the 48-byte secret (TLS 1.2's version first).
-    const std::string& line = replay.m_KeyLog[0];
-    EXPECT_EQ("RSA " + Hex(data.data() + 2, 8) + " 0303", line.substr(0, 25));
-    EXPECT_EQ(4u + 16 + 1 + 96, line.size()) << line;
-    EXPECT_EQ(std::string::npos, line.substr(21).find_first_not_of("0123456789abcdef"));
+    const Bytes secret = service.Crypt(false, data.data() + 2, 256);
+    EXPECT_EQ((std::vector<std::string>{"RSA " + Hex(data.data() + 2, 8) + " 0303" +
+                                        Hex(secret.data() + 2, 46)}),
+              replay.m_KeyLog);
 }
 
 // One IPv4 TCP segment, raw, from the client 10.77.0.3:port or the server
@@ -164,14 +163,6 @@ Bytes Framed(const Bytes& prefix, const Bytes& body) {
     return framed;
 }
 
-// A record of type with the body, SSL 3.0; a handshake message of type.
-Bytes TlsRecord(uint8_t type, const Bytes& body) {
-    return Framed({type, 3, 0}, body);
-}
-Bytes Message(uint8_t type, const Bytes& body) {
-    return Framed({type, 0}, body);
-}
-
 Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
@@ -183,17 +174,20 @@ Bytes operator+(Bytes left, const Bytes& right) {
 // cipher spec. With piece, each flight goes in segments of that many bytes,
 // each second pair swapped and every fifth sent twice.
 Frames Ssl3Session(const Bytes& cipher, size_t piece = 0) {
+    // A record of type with the body, SSL 3.0; a handshake message of type.
+    const auto record = [](uint8_t type, const Bytes& body) { return Framed({type, 3, 0}, body); };
+    const auto message = [](uint8_t type, const Bytes& body) { return Framed({type, 0}, body); };
     Bytes hello = {3, 0};
     hello.resize(2 + 32, 0x11);
     hello.insert(hello.end(), {0, 0x00, 0x0A, 0});
     const Bytes serverFlight =
-        TlsRecord(22, Message(2, hello) + Message(11, Bytes(300, 0x22)) + Message(14, {}));
-    const Bytes exchange = Message(16, cipher);
+        record(22, message(2, hello) + message(11, Bytes(300, 0x22)) + message(14, {}));
+    const Bytes exchange = message(16, cipher);
     const size_t half = exchange.size() / 2;
-    const Bytes clientFlight = TlsRecord(22, Bytes(exchange.begin(), exchange.begin() + half)) +
-                               TlsRecord(22, Bytes(exchange.begin() + half, exchange.end())) +
-                               TlsRecord(20, {1});
-    const Bytes clientHello = TlsRecord(22, Message(1, Bytes(40, 1)));
+    const Bytes clientFlight = record(22, Bytes(exchange.begin(), exchange.begin() + half)) +
+                               record(22, Bytes(exchange.begin() + half, exchange.end())) +
+                               record(20, {1});
+    const Bytes clientHello = record(22, message(1, Bytes(40, 1)));
     const uint32_t client = 1000, server = 5000;
     Frames frames = {{Segment(true, 0x02, client)},
                      {Segment(false, 0x12, server)},
@@ -210,11 +204,9 @@ Frames Ssl3Session(const Bytes& cipher, size_t piece = 0) {
                              payload.begin() + std::min(at + size, payload.size()));
             pieces.push_back({Segment(fromClient, 0x18, seq + uint32_t(at), part)});
         }
-        for (size_t index = 0; index + 1 < pieces.size(); index += 4) {
-            std::swap(pieces[index], pieces[index + 1]);
-        }
         for (size_t index = 0; index < pieces.size(); ++index) {
-            frames.insert(frames.end(), piece != 0 && index % 5 == 0 ? 2 : 1, pieces[index]);
+            const size_t from = index % 4 < 2 && (index ^ 1) < pieces.size() ? index ^ 1 : index;
+            frames.insert(frames.end(), piece != 0 && index % 5 == 0 ? 2 : 1, pieces[from]);
         }
     }
     return frames;
@@ -225,20 +217,10 @@ Frames Ssl3Session(const Bytes& cipher, size_t piece = 0) {
 TEST(TlsKeyExchange, Ssl3ExchangeWholeCutSmallOrBehindAFloodGivesTheLine) {
     KeyService service;
     // The client's secret, encrypted with the sample's key.
-    Bytes secret(48);
-    secret[0] = 3;
-    for (size_t index = 2; index < secret.size(); ++index) {
-        secret[index] = uint8_t(index * 7);
-    }
-    EVP_PKEY* const key = SampleKey();
-    EVP_PKEY_CTX* const context = EVP_PKEY_CTX_new(key, nullptr);
-    Bytes cipher(512);
-    size_t cipherLength = cipher.size();
-    ASSERT_EQ(1, EVP_PKEY_encrypt_init(context));
-    ASSERT_EQ(1, EVP_PKEY_encrypt(context, cipher.data(), &cipherLength, secret.data(), 48));
-    cipher.resize(cipherLength);
-    EVP_PKEY_CTX_free(context);
-    EVP_PKEY_free(key);
+    Bytes secret = {3, 0};
+    secret.resize(48, 0x5a);
+    const Bytes cipher = service.Crypt(true, secret.data(), secret.size());
+    ASSERT_EQ(256u, cipher.size());
 
     Frames flood;
     for (int syn = 0; syn < 1500; ++syn) {

@@ -165,24 +165,17 @@ private:
     // stops a process without unwinding): its pid is gone.
     static void RemoveStale() {
         DIR* const folder = opendir("/run/netns");
-        if (folder == nullptr) {
-            return;
-        }
-        std::vector<std::string> stale;
-        while (const dirent* entry = readdir(folder)) {
+        while (const dirent* entry = folder != nullptr ? readdir(folder) : nullptr) {
             const std::string name = entry->d_name;
-            for (const char* prefix : {"vxhost", "vxpeer"}) {
-                const std::string digits = name.substr(0, 6) == prefix ? name.substr(6) : "";
-                if (!digits.empty() &&
-                    digits.find_first_not_of("0123456789") == std::string::npos &&
-                    kill(static_cast<pid_t>(std::stol(digits)), 0) != 0 && errno == ESRCH) {
-                    stale.push_back(name);
-                }
+            const std::string digits = name.size() > 6 ? name.substr(6) : "";
+            if ((name.rfind("vxhost", 0) == 0 || name.rfind("vxpeer", 0) == 0) && !digits.empty() &&
+                digits.find_first_not_of("0123456789") == std::string::npos &&
+                kill(static_cast<pid_t>(std::stol(digits)), 0) != 0 && errno == ESRCH) {
+                RunProcess({"ip", "netns", "del", name}, 10000);
             }
         }
-        closedir(folder);
-        for (const std::string& name : stale) {
-            RunProcess({"ip", "netns", "del", name}, 10000);
+        if (folder != nullptr) {
+            closedir(folder);
         }
     }
 

@@ -1,8 +1,7 @@
-// The SSL request socket of the Linux library (its server thread, clients and
-// the service's threads meet here, hence the name): clients submit requests, the
-// service takes them through norvi_get_ssl_request and answers through
-// norvi_ssl_response, and each answer reaches its own client with its own
-// requestContext. Bad submissions cost their client only.
+// The SSL request socket of the Linux library, where its server thread,
+// clients and the service's threads meet: each answer (norvi_ssl_response to
+// norvi_get_ssl_request) reaches its own client with its own requestContext;
+// bad submissions cost their client only.
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/eventfd.h>
@@ -10,6 +9,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <string>
@@ -29,11 +29,6 @@ const int kLibraryChosen = setenv("NORVI_LIBRARY", VEXIL_BUILD_DIR "/libnorvi.so
 using NORVI::CSslSocketClient;
 using Bytes = std::vector<uint8_t>;
 using Result = CSslSocketClient::ReceiveResult;
-
-template <typename Function>
-Function Extra(const char* name) {
-    return reinterpret_cast<Function>(NorvCore::NorviSymbol(name));
-}
 
 // A request header whose requestContext is filled with the byte mark.
 Bytes Header(uint8_t mark, uint32_t preMasterLen) {
@@ -58,9 +53,7 @@ int Serve(norvi_handle_t handle) {
     memcpy(response.data(), &length, 4);
     memcpy(response.data() + 8, header + 8, 56);
     const uint8_t* bytes = static_cast<const uint8_t*>(data);
-    for (uint32_t index = 0; index < length; ++index) {
-        response[64 + index] = bytes[length - 1 - index];
-    }
+    std::reverse_copy(bytes, bytes + length, response.begin() + 64);
     return norvi_ssl_response(handle, response.data(), response.size());
 }
 
@@ -68,8 +61,10 @@ class SslSocketTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(0, kLibraryChosen);
-        m_Listen = Extra<int (*)(const char*)>("norvi_listen_ssl");
-        m_Counters = Extra<int (*)(uint64_t*)>("norvi_ssl_counters");
+        m_Listen =
+            reinterpret_cast<int (*)(const char*)>(NorvCore::NorviSymbol("norvi_listen_ssl"));
+        m_Counters =
+            reinterpret_cast<int (*)(uint64_t*)>(NorvCore::NorviSymbol("norvi_ssl_counters"));
         ASSERT_TRUE(m_Listen && m_Counters) << "build/libnorvi.so must be the Linux library";
         m_Path = m_Folder.Path() + "/ssl.sock";
         ASSERT_EQ(0, m_Listen(m_Path.c_str()));
@@ -82,9 +77,7 @@ protected:
         if (m_Handle != nullptr) {
             norvi_close(m_Handle);
         }
-        if (m_Event >= 0) {
-            close(m_Event);
-        }
+        close(m_Event);
         if (m_Listen != nullptr) {
             m_Listen(nullptr);
         }
@@ -143,44 +136,34 @@ TEST_F(SslSocketTest, EachClientGetsItsOwnAnswerAndOneThatLeavesLosesOnlyItsOwn)
 }
 
 TEST_F(SslSocketTest, MalformedSubmissionsAreCountedDropsForTheirClientOnly) {
-    struct Case {
-        const char* m_Name;
-        Bytes m_Bytes;
-    };
-    auto frame = [](uint32_t length, size_t present) {
-        Bytes bytes(4 + present, 0x5a);
-        memcpy(bytes.data(), &length, 4);
-        return bytes;
-    };
-    const std::vector<Case> cases = {
-        {"shorter than a header", frame(10, 10)},
-        {"longer than the limit", frame(65537, 0)},
-        {"absurd length", frame(0xffffffffu, 0)},
-        {"cut short by a hang-up", frame(200, 50)},
-    };
     CSslSocketClient bystander;
     std::string error;
     ASSERT_TRUE(bystander.Connect(m_Path, error));
     uint64_t dropped = 0;
-    for (const Case& item : cases) {
+    // Frames shorter than a header, longer than the limit, of an absurd
+    // length, and cut short by a hang-up: the length, and the bytes sent.
+    for (const auto& [length, present] : std::vector<std::pair<uint32_t, size_t>>{
+             {10, 10}, {65537, 0}, {0xffffffffu, 0}, {200, 50}}) {
+        Bytes bytes(4 + present, 0x5a);
+        memcpy(bytes.data(), &length, 4);
         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         strncpy(address.sun_path, m_Path.c_str(), sizeof address.sun_path - 1);
         ASSERT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-        ASSERT_EQ(static_cast<ssize_t>(item.m_Bytes.size()),
-                  send(fd, item.m_Bytes.data(), item.m_Bytes.size(), MSG_NOSIGNAL));
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+                  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
         shutdown(fd, SHUT_WR);
         // The server ends the connection: the read sees its end.
         char byte;
         timeval wait = {5, 0};
         setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-        EXPECT_EQ(0, recv(fd, &byte, 1, 0)) << item.m_Name;
+        EXPECT_EQ(0, recv(fd, &byte, 1, 0)) << length;
         close(fd);
         for (int tries = 0; tries < 100 && Counters()[5] == dropped; ++tries) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        EXPECT_EQ(++dropped, Counters()[5]) << item.m_Name;
+        EXPECT_EQ(++dropped, Counters()[5]) << length;
     }
     EXPECT_EQ(0u, Counters()[1]);  // nothing reached the queue
     ASSERT_TRUE(bystander.Submit(Header(0x33, 0).data(), nullptr, 0, error));

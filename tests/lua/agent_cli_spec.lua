@@ -3,8 +3,7 @@
 -- (The host's own operator log may stand before that line.)
 local support = require "support"
 
--- The agent runs on the Linux driver library beside the host core, not on
--- the stand-in that the other specs are given.
+-- The agent runs on the Linux driver library, not on the other specs' stand-in.
 local AGENT = "env -u NORVI_LIBRARY " .. os.getenv("VEXIL_BUILD_DIR") .. "/vexil-agent"
 
 local function run(arguments, prefix)
@@ -25,9 +24,7 @@ end
 describe("vexil-agent command line", function()
   local folder = support.tempdir()
   local function file(name, text)
-    local f = assert(io.open(folder .. "/" .. name, "w"))
-    f:write(text)
-    f:close()
+    support.put(folder .. "/" .. name, text)
     return folder .. "/" .. name
   end
   local capture = file("any.pcap", "not read before the checks")

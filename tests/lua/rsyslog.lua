@@ -45,8 +45,7 @@ function rsyslog.start(folder, previous)
                  udp = previous and previous.udp or free_port(socket.SOCK_DGRAM),
                  tcp = previous and previous.tcp or free_port(socket.SOCK_STREAM) }
   local conf = folder .. "/rsyslog.conf"
-  local file = assert(io.open(conf, "w"))
-  file:write(string.format([[
+  support.put(conf, string.format([[
 global(workDirectory="%s" maxMessageSize="128k")
 module(load="imuxsock" SysSock.Use="off")
 module(load="imudp")
@@ -58,7 +57,6 @@ template(name="keep" type="string"
          string="%%inputname%%\t%%hostname%%\t%%app-name%%\t%%msgid%%\t%%timereported:::date-rfc3339%%\t%%pri%%\t%%msg%%\n")
 *.* action(type="omfile" file="%s" template="keep")
 ]], folder, self.socket, self.udp, self.tcp, self.output))
-  file:close()
   local pid = unistd.fork()
   if pid == 0 then
     unistd.exec("/usr/sbin/rsyslogd", { "-n", "-f", conf, "-i", folder .. "/rsyslog.pid" })
