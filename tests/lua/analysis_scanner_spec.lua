@@ -55,15 +55,16 @@ describe("scanner scoring", function()
     -- Flagged on TCP, the source is known as a scanner on UDP as well.
     suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
     assert.are.same({ FLAGGED }, fixture:events())
-    -- Known now: further bins are not scored until the entry expires, and
-    -- then the walk starts afresh.
-    suspect_bins(fixture, config, SCANNER, 2)
+    -- Known now: no bin of it is scored, on either protocol, until the entry
+    -- expires. Then the TCP walk starts afresh, while the UDP candidate, left
+    -- as it stood but for the empty bin, flags the source at its second bin.
+    suspect_bins(fixture, config, SCANNER, 2, { 6, 17 })
     norv.AdvanceTicks(300000)
     fixture.log:CacheMaintenance(config)
-    suspect_bins(fixture, config, SCANNER, 3)
+    suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
     assert.are.same({}, fixture:events())
-    suspect_bins(fixture, config, SCANNER, 1)
-    assert.are.same({ FLAGGED }, fixture:events())
+    suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
+    assert.are.same({ "7001 HostOrPortScan|192.0.2.7|17|0|1|20" }, fixture:events())
   end)
 
   it("finds a host scanner and leaves a clean source alone", function()
