@@ -1,7 +1,7 @@
 -- Probe events: one agent event per attacker and probe type within the
 -- retention time, the block request to the driver, and the addresses that
--- are never blocked. The heartbeat is counted by AnalysisThreads_test, what
--- a fingerprint detection silences by analysis_probes_spec.
+-- are never blocked. The heartbeat is counted by AnalysisThreads_test; what a
+-- fingerprint detection silences is checked by analysis_probes_spec.
 local norv = require "norv"
 local norvi = require "norvi"
 local analysis = require "analysis_support"
