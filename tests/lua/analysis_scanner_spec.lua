@@ -55,15 +55,16 @@ describe("scanner scoring", function()
     -- Flagged on TCP, the source is known as a scanner on UDP as well.
     suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
     assert.are.same({ FLAGGED }, fixture:events())
-    -- Known now: further bins are not scored until the entry expires, and
-    -- then the walk starts afresh.
-    suspect_bins(fixture, config, SCANNER, 2)
+    -- Known now: no bin of it is scored, on either protocol, until the entry
+    -- expires. Then the TCP walk starts afresh, while the UDP candidate, left
+    -- as it stood but for the empty bin, flags the source at its second bin.
+    suspect_bins(fixture, config, SCANNER, 2, { 6, 17 })
     norv.AdvanceTicks(300000)
     fixture.log:CacheMaintenance(config)
-    suspect_bins(fixture, config, SCANNER, 3)
+    suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
     assert.are.same({}, fixture:events())
-    suspect_bins(fixture, config, SCANNER, 1)
-    assert.are.same({ FLAGGED }, fixture:events())
+    suspect_bins(fixture, config, SCANNER, 1, { 6, 17 })
+    assert.are.same({ "7001 HostOrPortScan|192.0.2.7|17|0|1|20" }, fixture:events())
   end)
 
   it("finds a host scanner and leaves a clean source alone", function()
@@ -133,7 +134,7 @@ describe("scanner scoring", function()
     assert.are.same({}, fixture:events())
   end)
 
-  it("leaves a ratio exactly at the ceiling or at the floor in place", function()
+  it("leaves a ratio exactly at the ceiling or at the floor, or just made, in place", function()
     -- Two suspect bins reach 16.000000000000007; two clean bins after the
     -- first suspect bin reach 0.25000000000000006.
     restart({ ["norvp.vexil.analysis.ScanLikelihoodRatioCeiling"] = "16.000000000000007",
@@ -148,13 +149,12 @@ describe("scanner scoring", function()
     for _ = 1, 2 do fixture:close_bin(config) end
     suspect_bins(fixture, config, "203.0.113.1", 3)
     assert.are.same({ "7001 HostOrPortScan|203.0.113.1|6|0|1|16" }, fixture:events())
-  end)
 
-  it("does not test the ceiling when a candidate is made", function()
+    -- The ceiling is first tested one bin after a candidate is made.
     restart({ ["norvp.vexil.analysis.ScanLikelihoodRatioCeiling"] = "3.5" })
-    suspect_bins(fixture, scanning(), SCANNER, 1)
+    suspect_bins(fixture, config, SCANNER, 1)
     assert.are.same({}, fixture:events())
-    suspect_bins(fixture, scanning(), SCANNER, 1)
+    suspect_bins(fixture, config, SCANNER, 1)
     assert.are.same({ "7001 HostOrPortScan|192.0.2.7|6|0|1|8" }, fixture:events())
   end)
 
@@ -169,16 +169,13 @@ describe("scanner scoring", function()
     assert.is_false(fixture.log:CacheMaintenance(scanning()))
   end)
 
-  it("raises argument errors for a missing table or object", function()
+  it("raises argument errors, and the table's own error once the pass is done", function()
     for _, case in ipairs { { fixture.log, "config", "#2 .*lua table expected" },
                             { fixture.dom, {}, "#1 .*LogData object expected" } } do
-      local ok, message = pcall(fixture.log.CacheMaintenance, case[1], case[2])
-      assert.is_false(ok)
-      assert.matches("bad argument " .. case[3], message)
+      assert.error_matches(function() fixture.log.CacheMaintenance(case[1], case[2]) end,
+                           "bad argument " .. case[3])
     end
-  end)
 
-  it("raises the table's own error once the pass is done", function()
     local config = scanning(60)
     touch(fixture, config, SCANNER, SERVER, 1, 65)
     touch(fixture, config, "203.0.113.4", SERVER, 1, 65)
@@ -188,9 +185,7 @@ describe("scanner scoring", function()
       error("broken table")
     end })
     norv.AdvanceTicks(analysis.BIN + 1)
-    local ok, message = pcall(fixture.log.CacheMaintenance, fixture.log, broken)
-    assert.is_false(ok)
-    assert.matches("broken table", message)
+    assert.error_matches(function() fixture.log:CacheMaintenance(broken) end, "broken table")
     -- Both detections are reported (in the order of the raw address words);
     -- nothing more is read from the table, so neither source is blocked.
     assert.are.same({ "7001 HostOrPortScan|203.0.113.4|6|0|1|65",
