@@ -113,13 +113,11 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         {"PEM", "cert.pem", "", "", CRSAKey::UnableToLoadCredentials},  // no key
         {"P12", "key.pem", "", "", CRSAKey::UnableToLoadCredentials},
         {"PEM", "", "", wrapped, CRSAKey::UnableToLoadCredentials},
-        // A certificate that forbids key encipherment, before the key is looked
-        // at.
+        // A certificate that forbids key encipherment, before the key is looked at.
         {"PEM", "signonly.pem", "", "", CRSAKey::ImproperKeyUsage},
         {"PEM", "ec.pem", "", "", CRSAKey::KeyNotFound},
         {"pem", "key.pem", "", "", CRSAKey::UnsupportedCredentialType},
-        // The store kind (Pkcs11KeyTest below) checks the identifier's form
-        // first.
+        // The store kind (Pkcs11KeyTest below) checks the identifier's form first.
         {"CAPI", "MY", "s3cret", "", CRSAKey::BadIdentifierFormat},
     };
     const auto load = [](const char* type, const std::string& file, const std::string& passphrase,

@@ -199,19 +199,22 @@ inline std::vector<Response> TakeResponses(size_t count = 0) {
     }
 }
 
-// A fresh driver stand-in for each test; every handle that the test opened
-// must be closed again at its end.
+// A fresh driver stand-in for each test, with a handle of the test's own;
+// every handle that the test opened must be closed again at its end.
 class DriverTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(0, kLibraryChosen);
         ASSERT_NE(nullptr, SSL_CONTROL(norvi_test_reset));
         SSL_CONTROL(norvi_test_reset)();
+        m_Handle = norvi_open();
+        ASSERT_NE(nullptr, m_Handle);
         m_HandlesBefore = OpenHandles();
         NorvCore::TakeOperatorLogLines();
     }
     void TearDown() override {
         EXPECT_EQ(m_HandlesBefore, OpenHandles());
+        norvi_close(m_Handle);
         SSL_CONTROL(norvi_test_reset)();
         NorvCore::UseRealTicks();
     }
@@ -227,6 +230,7 @@ protected:
     }
 
     NorvCore::CDom m_Dom{":memory:"};
+    norvi_handle_t m_Handle = nullptr;
     size_t m_HandlesBefore = 0;
 };
 
