@@ -60,10 +60,7 @@ public:
     std::string Base64(const std::string& name) const { return ReadFile(Path(name + ".b64")); }
 
 private:
-    KeyMaterial() : m_Secret(48, '\0') {
-        for (size_t index = 0; index < m_Secret.size(); ++index) {
-            m_Secret[index] = static_cast<char>(0x03 + index * 7);
-        }
+    KeyMaterial() : m_Secret("a pre-master secret of 48 bytes, 0123456789abcde") {
         std::ofstream(Path("secret.bin"), std::ios::binary) << m_Secret;
         const char* const steps[] = {
             "openssl genrsa -out key.pem 1024",
@@ -173,9 +170,6 @@ struct Response {
             std::memcpy(&tag, &bytes[8], 4);
         }
         return tag;
-    }
-    std::string Secret() const {
-        return bytes.size() < 72 ? std::string() : std::string(bytes.begin() + 64, bytes.end() - 8);
     }
 };
 
