@@ -1,7 +1,6 @@
--- The script face of the SSL key service: vexil.RSAKey.Create with its
--- results and reason constants (a token's included), and vexil.SSLCertThread
--- started, fed through the driver stand-in, reconfigured and stopped from a
--- script.
+-- The script face of the SSL key service: vexil.RSAKey.Create with its results and
+-- reason constants (a token's included), and vexil.SSLCertThread started, fed
+-- through the driver stand-in, reconfigured and stopped from a script.
 local norv = require "norv"
 assert(require "vexil" == true)
 local norvi = require "norvi"
@@ -122,22 +121,26 @@ describe("vexil.SSLCertThread", function()
     <SSLCredential id="3" credentialType="PEM" identifier="%s"/>
   </SSLCredentials>
   <SSLHostConfigurations>
-    <SSLHostConfiguration id="7" sslCredentialId="3"/>
+    <SSLHostConfiguration id="%d" sslCredentialId="3"/>
   </SSLHostConfigurations>
 </SecurityConfiguration>]]
 
-  -- How the service follows a changed configuration is SSLServiceTest's.
-  it("serves requests between start and stop", function()
+  it("serves requests between start and stop, and follows configuration changes", function()
     assert.has_error(function() vexil.SSLCertThread({}) end)
     norvi.SslResponses()
     local dom = SLB.norv.Dom(":memory:")
-    dom:SetConfigXml(string.format(configuration, path("key.pem")))
+    dom:SetConfigXml(string.format(configuration, path("key.pem"), 7))
     local thread = vexil.SSLCertThread(dom)
     thread:start(0, true, 0)
     assert.is_true(thread:isRunning())
-    thread:OnSecurityConfigurationChanged()
     submit(7, 1)
     submit(8, 2)
+    assert.same({ secret, "" }, await_secrets(2))
+    -- The host configuration moves to id 8: the old id fails from now on.
+    dom:SetConfigXml(string.format(configuration, path("key.pem"), 8))
+    thread:OnSecurityConfigurationChanged()
+    submit(8, 1)
+    submit(7, 2)
     assert.same({ secret, "" }, await_secrets(2))
 
     thread:StopThread("ssl")
@@ -146,7 +149,7 @@ describe("vexil.SSLCertThread", function()
     vexil.SSLCertThread(dom):start(0, true, 0)
     collectgarbage()
     collectgarbage()
-    submit(7, 1)
+    submit(8, 1)
     os.execute("sleep 0.1")
     assert.same({}, norvi.SslResponses())
     norv.OperatorLog()
