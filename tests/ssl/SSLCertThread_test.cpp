@@ -28,7 +28,6 @@ namespace {
 
 using namespace ssltest;
 using VEXIL::CSSLCertThread;
-using VEXIL::SSLRequestHeader;
 
 // Parses text into record; a copy of it must print text back unchanged.
 template <typename Record>
@@ -60,8 +59,8 @@ TEST(SSLRecords, EveryRecordPrintsBackWhatItParsed) {
     EXPECT_EQ(wxS("443,8443"), host.m_AddressInfo.m_Ports);
 }
 
-const SSLRequestHeader* AsRequest(const Bytes& header) {
-    return reinterpret_cast<const SSLRequestHeader*>(header.data());
+const VEXIL::SSLRequestHeader* AsRequest(const Bytes& header) {
+    return reinterpret_cast<const VEXIL::SSLRequestHeader*>(header.data());
 }
 
 class SSLCertThreadTest : public DriverTest {
@@ -108,6 +107,7 @@ TEST_F(SSLCertThreadTest, QueueHoldsUpToItsLimitThenRefusesEachRequestOnce) {
         EXPECT_EQ(m_Handle, responses[0].sender);
         EXPECT_EQ(Answer(header, ""), responses[0].bytes);
         EXPECT_EQ(2u, thread.QueuedRequests());
+        EXPECT_EQ(0u, HandlesOnceAt(0));  // no worker stays
         // Nor is there an answer without a handle to send it on.
         EXPECT_FALSE(thread.SendSSLCertResponse(nullptr, AsRequest(header), "secret", 6));
     }
