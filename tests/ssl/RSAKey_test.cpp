@@ -1,40 +1,69 @@
 // RSA private keys from credentials: the forms that the openssl command line
 // makes, the failure reasons and their order, and decryption; then keys of
 // the store kind ("CAPI") held by a SoftHSM token made in a temporary folder,
-// reached directly and through p11-kit's proxy, decrypting inside the token,
-// also for the whole service.
+// decrypting inside the token.
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <openssl/err.h>
 
-#include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/Dom.h"
 #include "ssl/Pkcs11Module.h"
 #include "ssl/RSAKey.h"
-#include "ssl/SSLCertThread.h"
 #include "ssl/SSLCredential.h"
 #include "tests/ssl/SslTestSupport.h"
 
 namespace {
 
-using ssltest::Decrypt;
 using ssltest::KeyMaterial;
 using VEXIL::CRSAKey;
 
-struct Case {
-    const char* type;
-    std::string identifier;  // a file of the key material; a CAPI identifier as it stands
-    const char* passphrase;
-    std::string blob;
-    int reason;  // 0 for a key
-};
+// The key of a credential, or none and the reason stored (0 when none was).
+std::pair<std::unique_ptr<CRSAKey>, int> LoadKey(const char* type, const std::string& identifier,
+                                                 const std::string& passphrase,
+                                                 const std::string& blob = "") {
+    VEXIL::CSSLCredential credential;
+    credential.m_CredentialType = type;
+    credential.m_Identifier = wxString::FromUTF8(identifier.c_str());
+    credential.m_Passphrase = wxString::FromUTF8(passphrase.c_str());
+    credential.m_Credential = wxString::FromUTF8(blob.c_str());
+    CRSAKey::FailureReason failure = static_cast<CRSAKey::FailureReason>(0);
+    std::unique_ptr<CRSAKey> key(CRSAKey::Create(credential, &failure));
+    return {std::move(key), failure};
+}
+
+// The plain text of cipher, or "<failed>" (with no length) when the key
+// refuses it.
+std::string Decrypt(CRSAKey& key, const std::string& cipher, size_t capacity = 1024) {
+    unsigned char plain[1024];
+    size_t length = 99;
+    if (!key.Decrypt(cipher.size(), cipher.data(), plain, capacity, &length)) {
+        EXPECT_EQ(0u, length);
+        return "<failed>";
+    }
+    return std::string(reinterpret_cast<char*>(plain), length);
+}
+
+// Takes the trace and operator log lines so far: the traced step is there,
+// and no secret is.
+void ExpectLogWithout(const std::string& traced, const std::vector<std::string>& secrets) {
+    std::string text;
+    for (const auto& lines : {NorvCore::TakeTraceLines(), NorvCore::TakeOperatorLogLines()}) {
+        for (const std::string& line : lines) {
+            text += line + "\n";
+        }
+    }
+    EXPECT_NE(std::string::npos, text.find(traced));
+    for (const std::string& secret : secrets) {
+        EXPECT_EQ(std::string::npos, text.find(secret)) << secret;
+    }
+}
 
 class RSAKeyTest : public ssltest::DriverTest {
 protected:
@@ -51,12 +80,6 @@ protected:
     }
 
     static const KeyMaterial& Keys() { return KeyMaterial::Get(); }
-
-    static std::unique_ptr<CRSAKey> Load(const Case& c, int& reason) {
-        const bool file = !c.identifier.empty() && std::string(c.type) != "CAPI";
-        return ssltest::LoadKey(c.type, file ? Keys().Path(c.identifier) : c.identifier,
-                                c.passphrase, reason, c.blob);
-    }
 };
 
 TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
@@ -66,7 +89,13 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         wrapped.insert(at, "\n");
     }
     // With a blob the identifier is never opened, whatever it names.
-    const Case cases[] = {
+    const struct {
+        const char* type;
+        std::string identifier;  // a file of the key material
+        const char* passphrase;
+        std::string blob;
+        int reason;  // 0 for a key
+    } cases[] = {
         {"PEM", "key.pem", "", "", 0},
         {"PEM", "keycert.pem", "", "", 0},  // the key before the certificate
         {"PEM", "trad.pem", "s3cret", "", 0},
@@ -91,11 +120,14 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
         // The store kind (Pkcs11KeyTest below) checks the identifier's form first.
         {"CAPI", "MY", "s3cret", "", CRSAKey::BadIdentifierFormat},
     };
-    for (const Case& c : cases) {
+    const auto load = [](const char* type, const std::string& file, const std::string& passphrase,
+                         const std::string& blob = "") {
+        return LoadKey(type, file.empty() ? file : Keys().Path(file), passphrase, blob);
+    };
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.type) + " " + c.identifier + " '" + c.passphrase + "' " +
                      c.blob.substr(0, 20));
-        int reason = -1;
-        std::unique_ptr<CRSAKey> key = Load(c, reason);
+        auto [key, reason] = load(c.type, c.identifier, c.passphrase, c.blob);
         EXPECT_EQ(c.reason, reason);
         ASSERT_EQ(c.reason == 0, key != nullptr);
         if (key != nullptr) {
@@ -108,19 +140,14 @@ TEST_F(RSAKeyTest, EachCredentialGivesAWorkingKeyOrItsReason) {
     VEXIL::CSSLCredential capi;
     capi.m_CredentialType = wxS("CAPI");
     EXPECT_EQ(nullptr, CRSAKey::Create(capi, nullptr));
-    // No passphrase reaches a trace or log line.
-    const std::string log = ssltest::TakeLogText();
-    EXPECT_NE(std::string::npos, log.find("Create() - "));
-    EXPECT_EQ(std::string::npos, log.find("s3cret"));
+    ExpectLogWithout("Create() - ", {"s3cret"});
 
     // About one wrong passphrase in 256 decrypts to valid padding and fails
     // only when the key is decoded: still a wrong passphrase.
     int others = 0;
     for (int attempt = 0; attempt < 1000; ++attempt) {
-        const std::string guess = "guess" + std::to_string(attempt);
-        int reason = 0;
-        Load(Case{"PEM", "trad.pem", guess.c_str(), "", 0}, reason);
-        others += reason != CRSAKey::IncorrectPassphrase ? 1 : 0;
+        others += load("PEM", "trad.pem", "guess" + std::to_string(attempt)).second !=
+                  CRSAKey::IncorrectPassphrase;
     }
     EXPECT_EQ(0, others);
 }
@@ -130,10 +157,8 @@ const char kPin[] = "token-pin-5521";
 const char kWrongPin[] = "wrong-pin-7734";
 
 // A SoftHSM token "vexil", made once per program before any module loads
-// (SoftHSM reads SOFTHSM2_CONF as it starts). It holds the key material's
-// private key under id 01 and three certificates: "enc" (id 01,
-// keyEncipherment), "sign" (id 02, digitalSignature only) and "plain" (id 03,
-// no key usage extension, no private key).
+// (SoftHSM reads SOFTHSM2_CONF as it starts): the key material's key (id 01)
+// and certificates "enc" (01), "sign" (02) and "plain" (03, without a key).
 class Token {
 public:
     static const Token& Get() {
@@ -150,32 +175,23 @@ public:
 
 private:
     Token() {
-        if (std::system("command -v softhsm2-util pkcs11-tool >/dev/null 2>&1") != 0 ||
-            access(kSoftHsm, R_OK) != 0) {
-            m_Missing = "SoftHSM (softhsm2-util, libsofthsm2.so) or OpenSC's pkcs11-tool missing";
-            return;
-        }
         const KeyMaterial& keys = KeyMaterial::Get();
-        const std::string conf = m_Folder.Path() + "/softhsm2.conf";
-        std::ofstream(conf) << "directories.tokendir = " << m_Folder.Path() << "/tokens\n"
-                            << "objectstore.backend = file\nlog.level = ERROR\n";
-        setenv("SOFTHSM2_CONF", conf.c_str(), 1);
-        const std::string tool = std::string("pkcs11-tool --module ") + kSoftHsm +
-                                 " --token-label vexil --login --pin " + kPin;
+        setenv("SOFTHSM2_CONF", (m_Folder.Path() + "/softhsm2.conf").c_str(), 1);
+        const std::string pin = std::string(" --pin ") + kPin;
         const std::string steps[] = {
-            "mkdir tokens",
-            std::string("softhsm2-util --init-token --free --label vexil --so-pin so-pin-0000 "
-                        "--pin ") +
-                kPin,
+            "command -v softhsm2-util pkcs11-tool && test -r " + std::string(kSoftHsm),
+            "mkdir tokens && printf 'directories.tokendir = %s/tokens\\nlog.level = ERROR\\n' "
+            "\"$PWD\" > softhsm2.conf",
+            "softhsm2-util --init-token --free --label vexil --so-pin so-pin-0000" + pin,
             "openssl pkcs8 -topk8 -nocrypt -in '" + keys.Path("key.pem") + "' -out key.p8",
-            std::string("softhsm2-util --import key.p8 --token vexil --label web --id 01 --pin ") +
-                kPin,
+            "softhsm2-util --import key.p8 --token vexil --label web --id 01" + pin,
             "openssl req -x509 -new -key '" + keys.Path("key.pem") +
-                "' -subj /CN=vexil -days 2 -addext keyUsage=keyEncipherment -outform DER "
-                "-out enc.der",
-            "openssl x509 -in '" + keys.Path("signcert.pem") + "' -outform DER -out sign.der",
-            "openssl x509 -in '" + keys.Path("cert.pem") + "' -outform DER -out plain.der",
-            "for c in enc:01 sign:02 plain:03; do " + tool +
+                "' -subj /CN=vexil -days 2 -addext keyUsage=keyEncipherment -out enc.pem",
+            "cp '" + keys.Path("signcert.pem") + "' sign.pem && cp '" + keys.Path("cert.pem") +
+                "' plain.pem",
+            "for c in enc:01 sign:02 plain:03; do openssl x509 -in ${c%:*}.pem -outform DER "
+            "-out ${c%:*}.der && pkcs11-tool --module " +
+                std::string(kSoftHsm) + " --token-label vexil --login" + pin +
                 " --write-object ${c%:*}.der --type cert --id ${c#*:} --label ${c%:*} && "
                 "openssl dgst -sha1 -r ${c%:*}.der > ${c%:*}.sha1 || exit 1; done",
         };
@@ -186,7 +202,9 @@ private:
             ok = ok && std::system(command.c_str()) == 0;
         }
         if (!ok) {
-            m_Missing = "the SoftHSM token could not be made";
+            m_Missing =
+                "SoftHSM (softhsm2-util, libsofthsm2.so) or OpenSC's pkcs11-tool is "
+                "missing, or the token could not be made";
         }
     }
 
@@ -194,20 +212,13 @@ private:
     std::string m_Missing;
 };
 
-class Pkcs11KeyTest : public RSAKeyTest {
-protected:
-    void SetUp() override {
-        RSAKeyTest::SetUp();
-        if (!Token::Get().Missing().empty()) {
-            GTEST_SKIP() << Token::Get().Missing();
-        }
-        // The module itself, apart from whatever else p11-kit has registered.
-        ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting, std::string(kSoftHsm)));
-    }
-};
+using Pkcs11KeyTest = RSAKeyTest;
 
 TEST_F(Pkcs11KeyTest, ChecksRunInOrderWhetherOrNotTheTokenIsLoggedIn) {
     const Token& token = Token::Get();
+    if (!token.Missing().empty()) {
+        GTEST_SKIP() << token.Missing();
+    }
     const std::string enc = token.Identifier("enc");
     const std::string cipher = KeyMaterial::Get().Cipher("key");
     const struct {
@@ -236,8 +247,7 @@ TEST_F(Pkcs11KeyTest, ChecksRunInOrderWhetherOrNotTheTokenIsLoggedIn) {
             SCOPED_TRACE(std::to_string(pass) + " " + c.module + " " + c.identifier + " " + c.pin);
             ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting,
                                   c.module.empty() ? std::string(kSoftHsm) : c.module));
-            int reason = -1;
-            std::unique_ptr<CRSAKey> key = ssltest::LoadKey("CAPI", c.identifier, c.pin, reason);
+            auto [key, reason] = LoadKey("CAPI", c.identifier, c.pin);
             EXPECT_EQ(c.reason, reason);
             ASSERT_EQ(c.reason == 0, key != nullptr);
             if (key != nullptr) {
@@ -250,47 +260,10 @@ TEST_F(Pkcs11KeyTest, ChecksRunInOrderWhetherOrNotTheTokenIsLoggedIn) {
                 EXPECT_EQ(KeyMaterial::Get().Secret(), Decrypt(*key, cipher, cipher.size()));
             }
         }
-        int reason = -1;
-        alive = ssltest::LoadKey("CAPI", enc, kPin, reason);
+        alive = LoadKey("CAPI", enc, kPin).first;
         ASSERT_NE(nullptr, alive);
     }
-    // No PIN reaches a trace or log line.
-    const std::string log = ssltest::TakeLogText();
-    EXPECT_NE(std::string::npos, log.find("CRSACryptoAPIKey::Create() - "));
-    EXPECT_EQ(std::string::npos, log.find(kPin));
-    EXPECT_EQ(std::string::npos, log.find(kWrongPin));
-}
-
-TEST_F(Pkcs11KeyTest, TheServiceAnswersWithATokenKey) {
-    ASSERT_TRUE(m_Dom.SetConfigXml(wxString::Format(
-        "<SecurityConfiguration><SSLCredentials>"
-        "<SSLCredential id=\"1\" credentialType=\"CAPI\" identifier=\"%s\" passphrase=\"%s\"/>"
-        "</SSLCredentials><SSLHostConfigurations>"
-        "<SSLHostConfiguration id=\"9\" sslCredentialId=\"1\"/>"
-        "</SSLHostConfigurations></SecurityConfiguration>",
-        Token::Get().Identifier("enc"), kPin)));
-    VEXIL::CSSLCertThread service(m_Dom);
-    service.start(50, true, 0);
-    ssltest::Submit(ssltest::Header(130, 9, 3, 3, 1),
-                    ssltest::Tls(KeyMaterial::Get().Cipher("key")));
-    std::vector<ssltest::Response> responses;
-    ssltest::AwaitResponses(responses, 1);
-    service.StopThread(L"ssl");
-    ASSERT_EQ(1u, responses.size());
-    EXPECT_EQ(KeyMaterial::Get().Secret(), responses[0].Secret());
-}
-
-TEST_F(Pkcs11KeyTest, P11KitProxyIsTheDefaultModule) {
-    ASSERT_TRUE(m_Dom.Set(VEXIL::CPkcs11Module::kModuleSetting, std::string()));
-    std::string name;
-    if (VEXIL::CPkcs11Module::Configured(name) == nullptr) {
-        GTEST_SKIP() << "p11-kit's proxy module (p11-kit-modules) can't be loaded";
-    }
-    int reason = 0;
-    std::unique_ptr<CRSAKey> key =
-        ssltest::LoadKey("CAPI", Token::Get().Identifier("enc"), kPin, reason);
-    ASSERT_NE(nullptr, key) << reason;
-    EXPECT_EQ(KeyMaterial::Get().Secret(), Decrypt(*key, KeyMaterial::Get().Cipher("key")));
+    ExpectLogWithout("CRSACryptoAPIKey::Create() - ", {kPin, kWrongPin});
 }
 
 }  // namespace

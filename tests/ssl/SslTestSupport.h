@@ -6,12 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,8 +22,6 @@
 #include "host/Ticks.h"
 #include "host/Trace.h"
 #include "host/norvi.h"
-#include "ssl/RSAKey.h"
-#include "ssl/SSLCredential.h"
 #include "tests/TempFolder.h"
 
 namespace ssltest {
@@ -62,10 +60,7 @@ public:
     std::string Base64(const std::string& name) const { return ReadFile(Path(name + ".b64")); }
 
 private:
-    KeyMaterial() : m_Secret(48, '\0') {
-        for (size_t index = 0; index < m_Secret.size(); ++index) {
-            m_Secret[index] = static_cast<char>(0x03 + index * 7);
-        }
+    KeyMaterial() : m_Secret("a pre-master secret of 48 bytes, 0123456789abcde") {
         std::ofstream(Path("secret.bin"), std::ios::binary) << m_Secret;
         const char* const steps[] = {
             "openssl genrsa -out key.pem 1024",
@@ -98,33 +93,6 @@ private:
     std::string m_Secret;
     bool m_Ok = false;
 };
-
-// The key of a credential, and the reason stored (0 when none was).
-inline std::unique_ptr<VEXIL::CRSAKey> LoadKey(const char* type, const std::string& identifier,
-                                               const std::string& passphrase, int& reason,
-                                               const std::string& blob = "") {
-    VEXIL::CSSLCredential credential;
-    credential.m_CredentialType = type;
-    credential.m_Identifier = wxString::FromUTF8(identifier.c_str());
-    credential.m_Passphrase = wxString::FromUTF8(passphrase.c_str());
-    credential.m_Credential = wxString::FromUTF8(blob.c_str());
-    VEXIL::CRSAKey::FailureReason failure = static_cast<VEXIL::CRSAKey::FailureReason>(0);
-    std::unique_ptr<VEXIL::CRSAKey> key(VEXIL::CRSAKey::Create(credential, &failure));
-    reason = failure;
-    return key;
-}
-
-// The plain text of cipher, or "<failed>" (with no length) when the key
-// refuses it.
-inline std::string Decrypt(VEXIL::CRSAKey& key, const std::string& cipher, size_t capacity = 1024) {
-    unsigned char plain[1024];
-    size_t length = 99;
-    if (!key.Decrypt(cipher.size(), cipher.data(), plain, capacity, &length)) {
-        EXPECT_EQ(0u, length);
-        return "<failed>";
-    }
-    return std::string(reinterpret_cast<char*>(plain), length);
-}
 
 // A security configuration whose host configuration 9 has the PEM key (the
 // file webKey, or key.pem as a blob), 10 the legacy PKCS#12 file (or blob),
@@ -162,11 +130,22 @@ inline Bytes Header(uint32_t preMasterLen, uint32_t configurationId, uint8_t maj
     const uint32_t words[][2] = {
         {0, preMasterLen}, {4, configurationId}, {8, tag}, {64, keyExchange}};
     for (const auto& word : words) {
-        std::memcpy(&header[word[0]], &word[1], 4);  // the wire and this host are little-endian
+        std::memcpy(&header[word[0]], &word[1],
+                    4);  // the wire and this host are little-endian
     }
     header[68] = major;
     header[69] = minor;
     return header;
+}
+
+// The answer to a request with header: the secret's length, the request's
+// context, the secret and an empty trailer.
+inline Bytes Answer(const Bytes& header, const std::string& secret) {
+    Bytes answer(72 + secret.size(), 0);
+    answer[0] = static_cast<unsigned char>(secret.size());
+    std::copy(header.begin() + 8, header.begin() + 64, answer.begin() + 8);
+    std::copy(secret.begin(), secret.end(), answer.begin() + 64);
+    return answer;
 }
 
 // The TLS form of a ciphertext: two length bytes in front.
@@ -184,70 +163,52 @@ struct Response {
     Bytes bytes;
     norvi_handle_t sender;
 
-    uint32_t Word(size_t offset) const {
-        uint32_t value = 0;
-        if (offset + 4 <= bytes.size()) {
-            std::memcpy(&value, &bytes[offset], 4);
+    // The first word of the request's context.
+    uint32_t Tag() const {
+        uint32_t tag = 0;
+        if (bytes.size() >= 12) {
+            std::memcpy(&tag, &bytes[8], 4);
         }
-        return value;
-    }
-    uint32_t DecryptedLen() const { return Word(0); }
-    uint32_t Tag() const { return Word(8); }
-    std::string Secret() const {
-        return bytes.size() < 72 ? std::string() : std::string(bytes.begin() + 64, bytes.end() - 8);
+        return tag;
     }
 };
 
-// Appends the responses sent so far to collected, oldest first, and waits
-// for more until it holds count or the time runs out.
-inline std::vector<Response>& AwaitResponses(
-    std::vector<Response>& collected, size_t count = 0,
-    std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+// The responses sent so far, oldest first, once they number count or 20
+// seconds have passed.
+inline std::vector<Response> TakeResponses(size_t count = 0) {
+    std::vector<Response> taken;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     for (;;) {
         Response response{Bytes(2048), nullptr};
         const long size = SSL_CONTROL(norvi_test_take_ssl_response)(
             response.bytes.data(), response.bytes.size(), &response.sender);
         if (size >= 0) {
             response.bytes.resize(static_cast<size_t>(size));
-            collected.push_back(response);
-        } else if (collected.size() >= count || std::chrono::steady_clock::now() > deadline) {
-            return collected;
+            taken.push_back(response);
+        } else if (taken.size() >= count || std::chrono::steady_clock::now() > deadline) {
+            return taken;
         } else {
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     }
 }
 
-inline std::vector<Response> TakeResponses() {
-    std::vector<Response> responses;
-    return AwaitResponses(responses);
-}
-
-// Every trace and operator log line so far, taken, as one text.
-inline std::string TakeLogText() {
-    std::string text;
-    for (const auto& lines : {NorvCore::TakeTraceLines(), NorvCore::TakeOperatorLogLines()}) {
-        for (const std::string& line : lines) {
-            text += line + "\n";
-        }
-    }
-    return text;
-}
-
-// A fresh driver stand-in for each test; every handle that the test opened
-// must be closed again at its end.
+// A fresh driver stand-in for each test, with a handle of the test's own;
+// every handle that the test opened must be closed again at its end.
 class DriverTest : public testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(0, kLibraryChosen);
         ASSERT_NE(nullptr, SSL_CONTROL(norvi_test_reset));
         SSL_CONTROL(norvi_test_reset)();
+        m_Handle = norvi_open();
+        ASSERT_NE(nullptr, m_Handle);
         m_HandlesBefore = OpenHandles();
         NorvCore::TakeOperatorLogLines();
     }
     void TearDown() override {
         EXPECT_EQ(m_HandlesBefore, OpenHandles());
+        norvi_close(m_Handle);
         SSL_CONTROL(norvi_test_reset)();
         NorvCore::UseRealTicks();
     }
@@ -263,6 +224,7 @@ protected:
     }
 
     NorvCore::CDom m_Dom{":memory:"};
+    norvi_handle_t m_Handle = nullptr;
     size_t m_HandlesBefore = 0;
 };
 
