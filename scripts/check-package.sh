@@ -32,8 +32,11 @@ module=$(find "$root" -name vexil.so -path '*/lua/5.2/*' | head -n 1)
 cmod=$(dirname "$module")
 result=$(cd / && LUA_CPATH="$cmod/?.so" lua5.2 -e 'require "norv"; print(require "vexil")')
 [ "$result" = "true" ] || fail "require \"vexil\" gave '$result'"
-# The modules found the host core in the unpacked tree, not elsewhere.
-ldd "$module" | grep -q "libnorvcore.so => $root/" || fail "vexil.so does not find libnorvcore.so beside it"
+# The modules found the host core in the unpacked tree, not elsewhere. (ldd's
+# output is taken whole first: with pipefail, grep -q leaving early would
+# fail the pipe whenever ldd is still writing.)
+links=$(ldd "$module")
+grep -q "libnorvcore.so => $root/" <<<"$links" || fail "vexil.so does not find libnorvcore.so beside it"
 for program in "$root"/usr/bin/*; do
   [ -x "$program" ] || continue
   "$program" --help >/dev/null || fail "$(basename "$program") --help failed"
